@@ -1,0 +1,102 @@
+/* Public file API: query, save, fast save and delete. Every record returned
+ * here is released by its own destroy function, which accepts NULL. */
+#ifndef YAX_API_H
+#define YAX_API_H
+
+#include <stdint.h>
+#include <stdio.h>
+
+#include "yax_types.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- query: the record keeps the file open until destroyed ---- */
+YAX_EXPORT YAXDATA *checkYAXInFile(const char *path);     /* "r+b"; destroyYAXDATA */
+YAX_EXPORT YAXDATA *checkYAXWithReadPM(const char *path); /* "rb"; destroyYAXDATA */
+YAX_EXPORT YAXDATA *checkYAXInFP(FILE *fp);               /* destroyYAXDATA_FP */
+
+/* positions: new records the caller frees with destroyYAXOFFSET / destroyYAXOFFSET64 */
+YAX_EXPORT YAXOFFSET *getYAXInFileByName(YAXDATA *yaxdata, const char *name);
+YAX_EXPORT YAXOFFSET *getYAXInFileByIndex(YAXDATA *yaxdata, uint32_t index);
+YAX_EXPORT YAXOFFSET64 *getYAXInFileByName64(YAXDATA *yaxdata, const char *name);
+YAX_EXPORT YAXOFFSET64 *getYAXInFileByIndex64(YAXDATA *yaxdata, uint32_t index);
+YAX_EXPORT YAXOFFSET *getYAXSubInfoInFileByName(YAXDATA *yaxdata, const char *name);
+YAX_EXPORT YAXOFFSET *getYAXSubInfoInFileByIndex(YAXDATA *yaxdata, uint32_t index);
+YAX_EXPORT YAXOFFSET64 *getYAXSubInfoInFileByName64(YAXDATA *yaxdata, const char *name);
+YAX_EXPORT YAXOFFSET64 *getYAXSubInfoInFileByIndex64(YAXDATA *yaxdata, uint32_t index);
+
+/* data type of a name known to be present */
+YAX_EXPORT uint32_t getYAXDataType(YAXDATA *yaxdata, const char *name);
+/* new array of new strings; caller frees each and the array with _qfree */
+YAX_EXPORT char **getNameListByDataType(YAXDATA *yaxdata, uint32_t data_type, uint32_t *count);
+/* extracted copies; destroyYAXDATA_UNIT */
+YAX_EXPORT YAXDATA_UNIT *extractYAXDataFromFilebyIndex(YAXDATA *yaxdata, uint32_t index);
+YAX_EXPORT YAXDATA_UNIT *extractYAXDataFromFilebyName(YAXDATA *yaxdata, const char *name,
+                                                      uint32_t name_length);
+YAX_EXPORT char *getYAXVersion(void); /* "105"; caller frees with _qfree */
+YAX_EXPORT void printYAXVersion(void);
+
+YAX_EXPORT void destroyYAXDATA(YAXDATA *yaxdata);    /* closes the file */
+YAX_EXPORT void destroyYAXDATA_FP(YAXDATA *yaxdata); /* leaves the stream open */
+YAX_EXPORT void destroyYAXDATA_UNIT(YAXDATA_UNIT *unit);
+YAX_EXPORT void destroyYAXOFFSET(YAXOFFSET *record);
+YAX_EXPORT void destroyYAXOFFSET64(YAXOFFSET64 *record);
+
+/* ---- save: 1 on success, 0 on failure; bit 0 of option replaces a same-name entry ---- */
+YAX_EXPORT int saveYAXDataToFile(const char *path, const char *name, uint32_t name_length,
+                                 const void *sub_info, uint32_t sub_info_length, const void *data,
+                                 uint32_t data_length, uint32_t data_type, int option);
+YAX_EXPORT int saveYAXDataToFP(FILE *fp, const char *name, uint32_t name_length,
+                               const void *sub_info, uint32_t sub_info_length, const void *data,
+                               uint32_t data_length, uint32_t data_type, int option);
+YAX_EXPORT int saveYAXFileDataToFile(const char *path, const char *name, uint32_t name_length,
+                                     const void *sub_info, uint32_t sub_info_length,
+                                     const char *payload_path, uint32_t data_type, int option);
+YAX_EXPORT int saveYAXFileDataToFP(FILE *fp, const char *name, uint32_t name_length,
+                                   const void *sub_info, uint32_t sub_info_length,
+                                   const char *payload_path, uint32_t data_type, int option);
+YAX_EXPORT int saveDirectYAXData(FILE *fp, const void *block, uint32_t block_length,
+                                 const char *name, uint32_t has_sub_info, uint32_t data_type,
+                                 int option);
+/* writes a block's leading fields; returns their length (or 1 when nothing to do) */
+YAX_EXPORT int saveYAXDataHeaderToFP(FILE *fp, const char *name, uint32_t name_length,
+                                     const void *sub_info, uint32_t sub_info_length,
+                                     uint32_t data_type);
+YAX_EXPORT int saveYAXTailToFP(FILE *fp, uint32_t block_length, uint32_t data_type,
+                               uint32_t has_sub_info);
+
+/* ---- fast save: never moves bytes before the trailer ---- */
+YAX_EXPORT int saveFastYAXDataToFP(FILE *fp, const char *name, uint32_t name_length,
+                                   const void *sub_info, uint32_t sub_info_length,
+                                   const void *data, uint32_t data_length, uint32_t data_type,
+                                   int option);
+YAX_EXPORT int saveFastYAXDataToFile(const char *path, const char *name, uint32_t name_length,
+                                     const void *sub_info, uint32_t sub_info_length,
+                                     const void *data, uint32_t data_length, uint32_t data_type,
+                                     int option);
+YAX_EXPORT int saveFastYAXNameToFP(FILE *fp, const char *name, uint32_t name_length,
+                                   const void *sub_info, uint32_t sub_info_length,
+                                   const char *payload_path, uint32_t data_type, int option);
+YAX_EXPORT int saveFastYAXDataFileToFile(const char *path, const char *name, uint32_t name_length,
+                                         const void *sub_info, uint32_t sub_info_length,
+                                         const char *payload_path, uint32_t data_type,
+                                         int option);
+
+/* ---- delete ---- */
+/* replaces *handle with a fresh record (or NULL) on success */
+YAX_EXPORT int deleteYAXDataFromFilebyName(YAXDATA **handle, const char *name, int name_length);
+YAX_EXPORT int deleteYAXDataFromFile(YAXDATA **handle);
+YAX_EXPORT int deleteAllDataFromFile(const char *path);
+YAX_EXPORT int deleteFastAllYAXData(const char *path);
+YAX_EXPORT int deleteFastAllYAXDataFP(FILE *fp);
+YAX_EXPORT int deleteFastAYAXData(const char *path, const char *name);
+YAX_EXPORT int deleteYAXMultiDataFromFilebyName(YAXDATA **handle, const char **names,
+                                                uint32_t count); /* always 1 */
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,117 @@
+// File primitives. Data moves through the stream's descriptor (read, write,
+// lseek64), never through stdio's buffer; integers have an explicit byte order.
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <unistd.h>
+
+#include "support/bytes.hpp"
+#include "yax_support.h"
+
+namespace {
+
+constexpr uint32_t kCopyChunk = 65536;
+
+int readN(FILE *stream, void *buffer, size_t length) {
+    return static_cast<int>(::read(fileno(stream), buffer, length));
+}
+
+int writeN(FILE *stream, const void *buffer, size_t length) {
+    return static_cast<int>(::write(fileno(stream), buffer, length));
+}
+
+void logShortWrite(int written, uint32_t wanted) {
+    YAXLogE("YAXSystemFile::_qfwrite", "write ret != write size_of_byte  ==> fail(%d != %d)",
+            written, static_cast<int>(wanted));
+}
+
+}  // namespace
+
+extern "C" {
+
+YAX_EXPORT FILE *_qfopen(const char *path, const char *mode) {
+    errno = 0;
+    return std::fopen(path, mode);
+}
+
+YAX_EXPORT int _qfclose(FILE *stream) { return std::fclose(stream); }
+
+YAX_EXPORT int _qfread(void *buffer, uint32_t length, FILE *stream) {
+    return readN(stream, buffer, length);
+}
+
+YAX_EXPORT int _qfreadInt16(uint16_t *out, FILE *stream) {
+    unsigned char b[2] = {0, 0};
+    int r = readN(stream, b, sizeof b);
+    *out = yax::get16(b);  // missing bytes count as 0
+    return r;
+}
+
+YAX_EXPORT int _qfreadInt32(uint32_t *out, FILE *stream) {
+    unsigned char b[4] = {0, 0, 0, 0};
+    int r = readN(stream, b, sizeof b);
+    *out = yax::get32(b);
+    return r;
+}
+
+YAX_EXPORT int _qfwrite(const void *buffer, uint32_t length, FILE *stream) {
+    int r = writeN(stream, buffer, length);
+    if (r != static_cast<int>(length)) {
+        logShortWrite(r, length);
+        return -1;
+    }
+    return static_cast<int>(length);
+}
+
+YAX_EXPORT int _qfwriteInt16(uint16_t value, FILE *stream) {
+    unsigned char b[2];
+    yax::put16(b, value);
+    return writeN(stream, b, sizeof b);
+}
+
+YAX_EXPORT int _qfwriteInt32(uint32_t value, FILE *stream) {
+    unsigned char b[4];
+    yax::put32(b, value);
+    return writeN(stream, b, sizeof b);
+}
+
+YAX_EXPORT int _qfwriteInt32_endian(uint32_t value, FILE *stream) {
+    unsigned char b[4];
+    yax::put32be(b, value);
+    return writeN(stream, b, sizeof b);
+}
+
+YAX_EXPORT long _qftell(FILE *stream) { return std::ftell(stream); }
+
+YAX_EXPORT int _qfseek(FILE *stream, long offset, int whence) {
+    return std::fseek(stream, offset, whence);
+}
+
+YAX_EXPORT int64_t _qlseek64(FILE *stream, int64_t offset, int whence) {
+    int64_t r = ::lseek64(fileno(stream), static_cast<off64_t>(offset), whence);
+    if (r == -1) YAXLogE("_qlseek", "errno : %d", errno);
+    return r;
+}
+
+YAX_EXPORT int _qremove(const char *path) { return std::remove(path); }
+
+YAX_EXPORT int _qrename(const char *old_path, const char *new_path) {
+    return std::rename(old_path, new_path);
+}
+
+YAX_EXPORT int _qfilecopy(FILE *destination, FILE *source, int64_t count) {
+    if (destination == nullptr || source == nullptr || count == 0) return 0;
+    auto *chunk = static_cast<unsigned char *>(_qmalloc(kCopyChunk));
+    if (chunk == nullptr) return 0;
+    for (int64_t remaining = count; remaining > 0; remaining -= kCopyChunk) {
+        uint32_t n = remaining < kCopyChunk ? static_cast<uint32_t>(remaining) : kCopyChunk;
+        // a short read is not looked at: the chunk is written whole
+        readN(source, chunk, n);
+        int w = writeN(destination, chunk, n);
+        if (w != static_cast<int>(n)) logShortWrite(w, n);
+    }
+    _qfree(chunk);
+    return 1;
+}
+
+}  // extern "C"

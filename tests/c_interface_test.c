@@ -1,0 +1,33 @@
+/* Every public header compiles as C11 with warnings as errors, and a plain C
+ * program can drive the interface. */
+#include <stdio.h>
+#include <string.h>
+
+#include "yax_api.h"
+#include "yax_container.h"
+#include "yax_support.h"
+#include "yax_types.h"
+#include "yax_vono.h"
+
+static int failures = 0;
+#define CHECK(cond)                                                  \
+    do {                                                             \
+        if (!(cond)) {                                               \
+            fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #cond); \
+            failures++;                                              \
+        }                                                            \
+    } while (0)
+
+int main(void) {
+    YAXBUFFER *b = initYAXBuffer(16);
+    CHECK(b != NULL);
+    CHECK(getYAXBufferSize(b) == 16);
+    CHECK(_qbwriteInt32(0x11223344u, b) == 4);
+    CHECK(getYAXWriteSize(b) == 4);
+    CHECK(memcmp(getYAXBuffer(b), "\x44\x33\x22\x11", 4) == 0);
+    destroyYAXBuffer(b);
+    CHECK(_setMetaType(3, 1) == 229376u);
+    CHECK(getExtIndex("photo.jpg") == 5);
+    printf("%d passed, %d failed\n", failures == 0 ? 1 : 0, failures == 0 ? 0 : 1);
+    return failures == 0 ? 0 : 1;
+}
