@@ -97,3 +97,25 @@ TEST_F(VonoBlockWriters, DataHeaderFromRecordWritesCountAndFirstPair) {
             .str("VONO").u32(105).u32(0).u32(0).u32(0).u32(20).str("VONOBS").done();
     EXPECT_EQ(tu::readFile(path), want);
 }
+
+TEST(VonoBlockBuffer, TailMarkerGoesToTheFileWriterAndIsLost) {
+    YAXBUFFER *buf = _qbopen(64);
+    ASSERT_NE(buf, nullptr);
+    std::string log = tu::capture([&] { EXPECT_EQ(_writeVonoHeaderBuffer(buf, 700, 900), 0); });
+    EXPECT_EQ(log, tu::errLine("YAXSystemFile::_qfwrite",
+                               "write ret != write size_of_byte  ==> fail(-1 != 6)"));
+    // everything but "VONOBS" reached the buffer
+    ASSERT_EQ(qbgetWriteSize(buf), 24);
+    const Bytes head = tb::Builder().str("VONO").u32(105).u32(1).u32(700).u32(900).u32(20).done();
+    EXPECT_EQ(outBytes(qbgetBuffer(buf), 24), head);
+    _qbclose(buf);
+
+    // a buffer too small for the words stops before the marker: no file-writer line
+    YAXBUFFER *small = _qbopen(10);
+    ASSERT_NE(small, nullptr);
+    log = tu::capture([&] { EXPECT_EQ(_writeVonoHeaderBuffer(small, 1, 2), 0); });
+    EXPECT_EQ(log, "");
+    EXPECT_EQ(qbgetWriteSize(small), 8);
+    _qbclose(small);
+    EXPECT_EQ(_writeVonoHeaderBuffer(nullptr, 1, 2), 0);
+}

@@ -11,6 +11,7 @@
 #include "container/layout.hpp"
 #include "support/bytes.hpp"
 #include "support/io.hpp"
+#include "support/misrouted_write.hpp"
 #include "yax_container.h"
 #include "yax_support.h"
 #include "yax_vono.h"
@@ -18,9 +19,6 @@
 namespace {
 
 namespace L = yax::layout;
-
-// Fixed part of a name-list payload: the two leading words and the count.
-constexpr uint32_t kListFixed = 12;
 
 // The one-sound Vono block: "VONO", 105, 1, start, end, 20, "VONOBS".
 // Each flavour says how its tail marker goes out; the first write that fails
@@ -95,6 +93,18 @@ YAX_EXPORT int _writeVonoHeader(FILE *fp, uint32_t start, uint32_t end) {
     const yax::FileIO io{fp};
     return writeOneSoundBlock(io, start, end, [&] {
         return !io.writeFailed(io.write(L::kVonoTail, sizeof L::kVonoTail));
+    });
+}
+
+// The buffer flavour hands its tail marker to the file writer, which cannot
+// write to a buffer stream: the marker never arrives, the file writer's
+// failure line is logged, and the block is reported as not written (0) even
+// though its first 24 bytes are in the buffer. Callers rely on that result.
+YAX_EXPORT int _writeVonoHeaderBuffer(YAXBUFFER *buf, uint32_t start, uint32_t end) {
+    if (buf == nullptr) return 0;
+    const yax::BufIO io{buf};
+    return writeOneSoundBlock(io, start, end, [] {
+        return yax::fileWriteOnBuffer(sizeof L::kVonoTail) != yax::FileIO::kWriteFailure;
     });
 }
 
