@@ -119,3 +119,211 @@ TEST(VonoBlockBuffer, TailMarkerGoesToTheFileWriterAndIsLost) {
     _qbclose(small);
     EXPECT_EQ(_writeVonoHeaderBuffer(nullptr, 1, 2), 0);
 }
+
+// ---- sound + list appended to a file ----
+
+namespace {
+
+const std::string kMeta = "TonePhoto_Meta_Info";
+constexpr char kFirstTag[] = "YAXEncoder::NewAddVonoDataInFirstTime";
+constexpr char kFirstFpTag[] = "YAXEncoder::NewAddVonoDataInFirstTimeFP";
+constexpr char kAddTag[] = "YAXEncoder::NewAddVonoData";
+
+tb::Entry sound(const std::string &name, const std::string &bytes) {
+    return tb::Entry{256, name, bytes, ""};
+}
+tb::Entry list(const std::vector<std::string> &names) {
+    const Bytes p = tb::toneList(names);
+    return tb::Entry{2048, kMeta, std::string(p.begin(), p.end()), ""};
+}
+uint32_t size32(const Bytes &b) { return static_cast<uint32_t>(b.size()); }
+
+}  // namespace
+
+class ToneAdd : public ::testing::Test {
+protected:
+    tu::TempDir dir;
+    std::string path = dir.path("photo.jpg");
+    const Bytes image = tb::fakeImage(300);
+    const std::string snd = std::string("\x01\x02\x03\x00\x05sound-bytes", 16);
+    const Bytes listPayload = tb::toneList({"rain"});
+
+    // image + [sound "rain", list] + header + Vono block at the sound's bytes
+    Bytes expectedFirst() const {
+        const uint32_t start = size32(image) + 8 + 4;
+        return image + tb::trailer({sound("rain", snd), list({"rain"})}) +
+               oneSoundVono(start, start + static_cast<uint32_t>(snd.size()));
+    }
+};
+
+TEST_F(ToneAdd, FirstTimeOnPathAppendsTrailerAndVonoBlock) {
+    tu::writeFile(path, image);
+    std::string log = tu::capture([&] {
+        EXPECT_EQ(NewAddVonoDataInFirstTime(path.c_str(), 2048, 256, "rain", 4, snd.data(),
+                                            size32(tb::bytes(snd)), listPayload.data(),
+                                            size32(listPayload)),
+                  1);
+    });
+    EXPECT_EQ(log, "");
+    EXPECT_EQ(tu::readFile(path), expectedFirst());
+    EXPECT_EQ(getSignature(path.c_str()), SIGNATURE_VONO_YAX);
+}
+
+TEST_F(ToneAdd, FirstTimeOnPathRefusalsLeaveFileAlone) {
+    tu::writeFile(path, image);
+    const auto *d = snd.data();
+    const auto *m = listPayload.data();
+    EXPECT_EQ(tu::capture([&] {
+                  EXPECT_EQ(NewAddVonoDataInFirstTime(path.c_str(), 2048, 256, "a", 1, nullptr, 5,
+                                                      m, 4),
+                            0);
+                  EXPECT_EQ(NewAddVonoDataInFirstTime(path.c_str(), 2048, 256, "a", 1, d, 0, m, 4),
+                            0);
+                  EXPECT_EQ(NewAddVonoDataInFirstTime(path.c_str(), 2048, 256, "a", 1, d, 5,
+                                                      nullptr, 4),
+                            0);
+                  EXPECT_EQ(NewAddVonoDataInFirstTime(path.c_str(), 2048, 256, "a", 1, d, 5, m, 0),
+                            0);
+                  EXPECT_EQ(NewAddVonoDataInFirstTime(dir.path("none.jpg").c_str(), 2048, 256,
+                                                      "a", 1, d, 5, m, 4),
+                            0);
+              }),
+              tu::errLine(kFirstTag, "vono_data null") + tu::errLine(kFirstTag, "vono_data null") +
+                  tu::errLine(kFirstTag, "vono_info_data null") +
+                  tu::errLine(kFirstTag, "vono_info_data null") +
+                  tu::errLine(kFirstTag, "file open error"));
+    EXPECT_EQ(tu::readFile(path), image);
+    EXPECT_FALSE(tu::exists(dir.path("none.jpg")));
+}
+
+TEST_F(ToneAdd, FirstTimeOnStreamWritesTheSameBytesAndKeepsStreamOpen) {
+    tu::writeFile(path, image);
+    FILE *fp = _qfopen(path.c_str(), "r+b");
+    ASSERT_NE(fp, nullptr);
+    _qlseek64(fp, 10, SEEK_SET);  // it appends at the end wherever the stream stood
+    EXPECT_EQ(NewAddVonoDataInFirstTimeFP(fp, 2048, 256, "rain", 4, snd.data(),
+                                          static_cast<uint32_t>(snd.size()), listPayload.data(),
+                                          size32(listPayload)),
+              1);
+    EXPECT_EQ(_qlseek64(fp, 0, SEEK_CUR), static_cast<int64_t>(expectedFirst().size()));
+    _qfclose(fp);
+    EXPECT_EQ(tu::readFile(path), expectedFirst());
+}
+
+TEST_F(ToneAdd, FirstTimeOnStreamNamesEveryFailure) {
+    const auto *d = snd.data();
+    const auto *m = listPayload.data();
+    // the argument messages end in a blank
+    EXPECT_EQ(tu::capture([&] {
+                  EXPECT_EQ(NewAddVonoDataInFirstTimeFP(nullptr, 1, 1, "a", 1, nullptr, 5, m, 4), 0);
+                  EXPECT_EQ(NewAddVonoDataInFirstTimeFP(nullptr, 1, 1, "a", 1, d, 5, m, 0), 0);
+                  EXPECT_EQ(NewAddVonoDataInFirstTimeFP(nullptr, 1, 1, "a", 1, d, 5, m, 4), 0);
+              }),
+              tu::errLine(kFirstFpTag, "vono_data == VELTA_YAX_NULL || vono_data_size <= 0 ") +
+                  tu::errLine(kFirstFpTag,
+                              "vono_info_data == VELTA_YAX_NULL || vono_info_data_size <= 0 ") +
+                  tu::errLine(kFirstFpTag, "fp == VELTA_YAX_NULL "));
+
+    tu::writeFile(path, {});
+    FILE *fp = _qfopen(path.c_str(), "r+b");
+    ASSERT_NE(fp, nullptr);
+    EXPECT_EQ(tu::capture([&] {
+                  EXPECT_EQ(NewAddVonoDataInFirstTimeFP(fp, 1, 1, "a", 1, d, 5, m, 4), 0);
+              }),
+              tu::errLine(kFirstFpTag, "File Search Error"));
+    _qfclose(fp);
+    EXPECT_EQ(tu::readFile(path), Bytes{});
+
+    // a stream opened for reading only: the first block's fields cannot be written
+    tu::writeFile(path, image);
+    fp = _qfopen(path.c_str(), "rb");
+    ASSERT_NE(fp, nullptr);
+    EXPECT_EQ(tu::capture([&] {
+                  EXPECT_EQ(NewAddVonoDataInFirstTimeFP(fp, 1, 1, "a", 1, d, 5, m, 4), 0);
+              }),
+              tu::errLine("YAXInternal::_writeDataTagInfo", "File Write Error") +
+                  tu::errLine(kFirstFpTag, "File _writeDataTagInfo Error"));
+    _qfclose(fp);
+    EXPECT_EQ(tu::readFile(path), image);
+}
+
+TEST_F(ToneAdd, AddToExistingTrailerOverwritesHeaderTailAndVonoBlock) {
+    // image, an old sound's bytes, a trailer with two entries, the old Vono block
+    const tb::Entry a{7, "alpha", "AAAA", "sub"};
+    const tb::Entry b = sound("TonePhoto_000", "old-sound");
+    const Bytes before = image + tb::trailer({a, b}) + oneSoundVono(1, 2);
+    tu::writeFile(path, before);
+    YaxInfo *info = ParseYAX(path.c_str(), SIGNATURE_VONO_YAX);
+    ASSERT_NE(info, nullptr);
+    ASSERT_EQ(getYAXList(info), 1);
+    const uint32_t old0 = info->meta_data[0]->offset;
+
+    const Bytes payload = tb::toneList({"TonePhoto_000", "rain"});
+    EXPECT_EQ(NewAddVonoData(info, 2048, 256, "rain", 4, snd.data(),
+                             static_cast<uint32_t>(snd.size()), payload.data(), size32(payload)),
+              1);
+    const uint32_t grown = tb::blockLength(sound("rain", snd)) +
+                           tb::blockLength(list({"TonePhoto_000", "rain"}));
+    EXPECT_EQ(info->meta_data[0]->offset, old0 + grown);  // the record follows the file
+    DestroyYAX(info);
+
+    const uint32_t q = size32(image + tb::block(a) + tb::block(b));
+    const uint32_t start = q + 8 + 4;
+    EXPECT_EQ(tu::readFile(path),
+              image + tb::trailer({a, b, sound("rain", snd), list({"TonePhoto_000", "rain"})}) +
+                  oneSoundVono(start, start + static_cast<uint32_t>(snd.size())));
+}
+
+TEST_F(ToneAdd, AddRefusalsUseUpperCaseNull) {
+    const auto *d = snd.data();
+    const auto *m = listPayload.data();
+    YaxInfo noFile{};
+    noFile.valid = 1;
+    EXPECT_EQ(tu::capture([&] {
+                  EXPECT_EQ(NewAddVonoData(&noFile, 1, 1, "a", 1, nullptr, 5, m, 4), 0);
+                  EXPECT_EQ(NewAddVonoData(&noFile, 1, 1, nullptr, 1, d, 5, m, 4), 0);
+                  EXPECT_EQ(NewAddVonoData(&noFile, 1, 1, "a", 0, d, 5, m, 4), 0);
+                  EXPECT_EQ(NewAddVonoData(&noFile, 1, 1, "a", 1, d, 5, nullptr, 4), 0);
+                  EXPECT_EQ(NewAddVonoData(nullptr, 1, 1, "a", 1, d, 5, m, 4), 0);
+                  EXPECT_EQ(NewAddVonoData(&noFile, 1, 1, "a", 1, d, 5, m, 4), 0);
+              }),
+              tu::errLine(kAddTag, "vono_data NULL") + tu::errLine(kAddTag, "vono_name NULL") +
+                  tu::errLine(kAddTag, "vono_name NULL") +
+                  tu::errLine(kAddTag, "vono_info_data NULL") +
+                  tu::errLine(kAddTag, "yax_info NULL") +
+                  tu::errLine(kAddTag, "yax_info->fp NULL"));
+}
+
+// ---- rows of an edited trailer ----
+
+TEST(ToneRows, CustomRowsShiftTheTailRowsUpAndTheMovedRowsDown) {
+    tu::TempDir dir;
+    const std::string path = dir.path("rows.bin");
+    tu::writeFile(path, {});
+    FILE *fp = _qfopen(path.c_str(), "r+b");
+    ASSERT_NE(fp, nullptr);
+    YaxEntry e[4] = {};
+    YaxEntry *rows[4] = {&e[0], &e[1], &e[2], &e[3]};
+    for (uint32_t i = 0; i < 4; ++i) {
+        e[i].meta_type = (i + 1) << 16;
+        e[i].offset = 1000 - 100 * i;
+        e[i].length = 10 + i;
+    }
+    YaxInfo info{};
+    info.fp = fp;
+    info.meta_count = 4;
+    info.meta_data = rows;
+
+    EXPECT_EQ(writeCustomQDR(&info, 2, 0, 50, 7), 1);  // rows 2, 3 grow; then 0, 1 shrink
+    EXPECT_EQ(writeCustomQDR(&info, 3, 1, 0, 0), 1);   // row 3, then rows 1, 2 unchanged
+    EXPECT_EQ(writeCustomQDR(&info, 1, 1, 5, 5), 1);   // from == first: only rows 1..3
+    _qfclose(fp);
+    EXPECT_EQ(e[0].offset, 1000u);  // the table itself is not changed
+
+    tb::Builder w;
+    w.u32(3 << 16).u32(850).u32(12).u32(4 << 16).u32(750).u32(13);
+    w.u32(1 << 16).u32(993).u32(10).u32(2 << 16).u32(893).u32(11);
+    w.u32(4 << 16).u32(700).u32(13).u32(2 << 16).u32(900).u32(11).u32(3 << 16).u32(800).u32(12);
+    w.u32(2 << 16).u32(905).u32(11).u32(3 << 16).u32(805).u32(12).u32(4 << 16).u32(705).u32(13);
+    EXPECT_EQ(tu::readFile(path), w.done());
+}

@@ -33,6 +33,85 @@ int writeOneSoundBlock(const IO &io, uint32_t start, uint32_t end, TailWriter wr
     return writeTail() ? 1 : 0;
 }
 
+constexpr char kFirstTag[] = "YAXEncoder::NewAddVonoDataInFirstTime";
+constexpr char kFirstFpTag[] = "YAXEncoder::NewAddVonoDataInFirstTimeFP";
+constexpr char kAddTag[] = "YAXEncoder::NewAddVonoData";
+
+constexpr char kMetaName[] = "TonePhoto_Meta_Info";
+constexpr char kFirstSoundName[] = "TonePhoto_000";
+constexpr uint32_t kMetaNameLength = sizeof kMetaName - 1;        // 19
+constexpr uint32_t kFirstSoundNameLength = sizeof kFirstSoundName - 1;  // 13
+static_assert(kMetaNameLength == L::kToneMetaName.size());
+static_assert(kFirstSoundNameLength == L::kToneFirstName.size());
+
+// The converters build their first list in a buffer of this size.
+constexpr size_t kFirstListBuffer = 1000;
+
+// The two rows that close a sound + list pair: the sound block sits
+// sound + list bytes before the header, the list block right in front of it.
+struct PairRows {
+    YaxEntry sound{};
+    YaxEntry list{};
+};
+
+PairRows pairRows(uint32_t meta_type, uint32_t sound_type, uint32_t sound_len,
+                  uint32_t list_len) {
+    PairRows r;
+    r.sound.meta_type = _setMetaType(sound_type, 0);
+    r.sound.offset = sound_len + list_len;
+    r.sound.length = sound_len;
+    r.list.meta_type = _setMetaType(meta_type, 0);
+    r.list.offset = list_len;
+    r.list.length = list_len;
+    return r;
+}
+
+// A sound + list pair as the two unchecked adds write it: the sound block, the
+// list block, a header holding the `old_count` rows of `old_rows` and the two
+// new rows, the tail, and the Vono block pointing at the new sound's bytes.
+// `at` is where the sound block starts.
+struct SoundAndList {
+    uint32_t meta_type, sound_type;
+    const char *name;
+    uint32_t name_len;
+    const void *data;
+    uint32_t data_len;
+    const void *meta;
+    uint32_t meta_len;
+
+    uint32_t soundLength() const { return _getDataLength(0, name_len, 0, data_len); }
+    uint32_t listLength() const { return _getDataLength(0, kMetaNameLength, 0, meta_len); }
+    uint32_t soundStart(uint32_t at) const { return at + L::kBlockFixed + name_len; }
+};
+
+// A listed table: every row present.
+bool tableComplete(const YaxInfo *info) {
+    if (info->meta_count == 0) return true;
+    if (info->meta_data == nullptr) return false;
+    for (uint32_t i = 0; i < info->meta_count; ++i) {
+        if (info->meta_data[i] == nullptr) return false;
+    }
+    return true;
+}
+
+void writeUnchecked(FILE *fp, uint32_t at, const SoundAndList &a, YaxEntry *const *old_rows,
+                    uint32_t old_count) {
+    PairRows rows = pairRows(a.meta_type, a.sound_type, a.soundLength(), a.listLength());
+    _writeDataTagInfo(fp, a.sound_type, 0, a.name, a.name_len, nullptr, 0);
+    _qfwrite(a.data, a.data_len, fp);
+    _writeDataTagInfo(fp, a.meta_type, 0, kMetaName, kMetaNameLength, nullptr, 0);
+    _qfwrite(a.meta, a.meta_len, fp);
+    _writeYAX_QTSS(fp);
+    _writeYAX_QVER(fp);
+    _writeYAX_QCnt(fp, old_count + 2);
+    for (uint32_t i = 0; i < old_count; ++i) _writeYAX_QDR(fp, old_rows[i]);
+    _writeYAX_QDR(fp, &rows.sound);
+    _writeYAX_QDR(fp, &rows.list);
+    _writeYAX_QTHO(fp, old_count + 2);
+    _writeYAX_QTS(fp);
+    _writeVonoHeader(fp, a.soundStart(at), a.soundStart(at) + a.data_len);
+}
+
 }  // namespace
 
 extern "C" {
@@ -106,6 +185,151 @@ YAX_EXPORT int _writeVonoHeaderBuffer(YAXBUFFER *buf, uint32_t start, uint32_t e
     return writeOneSoundBlock(io, start, end, [] {
         return yax::fileWriteOnBuffer(sizeof L::kVonoTail) != yax::FileIO::kWriteFailure;
     });
+}
+
+YAX_EXPORT int writeCustomQDR(YaxInfo *info, uint32_t first, uint32_t from, uint32_t add,
+                              uint32_t sub) {
+    if (info == nullptr || info->fp == nullptr || info->meta_data == nullptr) return 0;
+    const uint32_t count = info->meta_count;
+    auto writeShifted = [&](uint32_t i, bool grow) {
+        const YaxEntry *e = info->meta_data[i];
+        if (e == nullptr) return;
+        YaxEntry row{};
+        row.meta_type = e->meta_type;
+        row.length = e->length;
+        row.offset = grow ? e->offset + add : e->offset - sub;
+        _writeYAX_QDR(info->fp, &row);
+    };
+    // The rows behind the moved blocks keep their order and move first; the
+    // moved blocks' rows follow.
+    for (uint32_t i = first; i < count; ++i) writeShifted(i, true);
+    if (from < first) {
+        for (uint32_t i = from; i < first && i < count; ++i) writeShifted(i, false);
+    }
+    return 1;
+}
+
+YAX_EXPORT int NewAddVonoDataInFirstTime(const char *path, uint32_t meta_type, uint32_t sound_type,
+                                         const char *name, uint32_t name_len, const void *data,
+                                         uint32_t data_len, const void *meta, uint32_t meta_len) {
+    if (data == nullptr || data_len == 0) {
+        YAXLogE(kFirstTag, "vono_data null");
+        return 0;
+    }
+    if (meta == nullptr || meta_len == 0) {
+        YAXLogE(kFirstTag, "vono_info_data null");
+        return 0;
+    }
+    if (name == nullptr && name_len != 0) {
+        YAXLogE(kFirstTag, "vono_name null");
+        return 0;
+    }
+    FILE *fp = path != nullptr ? _qfopen(path, "r+b") : nullptr;
+    if (fp == nullptr) {
+        YAXLogE(kFirstTag, "file open error");
+        return 0;
+    }
+    // Positions inside the Vono block are 32-bit, as are the images it serves.
+    const auto image_end = static_cast<uint32_t>(_qlseek64(fp, 0, SEEK_END));
+    // This flavour does not look at its write results.
+    writeUnchecked(fp, image_end, {meta_type, sound_type, name, name_len, data, data_len, meta,
+                                   meta_len},
+                   nullptr, 0);
+    _qfclose(fp);
+    return 1;
+}
+
+YAX_EXPORT int NewAddVonoDataInFirstTimeFP(FILE *fp, uint32_t meta_type, uint32_t sound_type,
+                                           const char *name, uint32_t name_len, const void *data,
+                                           uint32_t data_len, const void *meta, uint32_t meta_len) {
+    // The messages of this flavour end in a blank; callers match them as they are.
+    if (data == nullptr || data_len == 0) {
+        YAXLogE(kFirstFpTag, "vono_data == VELTA_YAX_NULL || vono_data_size <= 0 ");
+        return 0;
+    }
+    if (meta == nullptr || meta_len == 0) {
+        YAXLogE(kFirstFpTag, "vono_info_data == VELTA_YAX_NULL || vono_info_data_size <= 0 ");
+        return 0;
+    }
+    if (fp == nullptr) {
+        YAXLogE(kFirstFpTag, "fp == VELTA_YAX_NULL ");
+        return 0;
+    }
+    auto fail = [](const char *what) {
+        YAXLogE(kFirstFpTag, "%s", what);
+        return 0;
+    };
+    if (name == nullptr && name_len != 0) return fail("File _writeDataTagInfo Error");
+    const int64_t end = _qlseek64(fp, 0, SEEK_END);
+    if (end <= 0) return fail("File Search Error");
+    const auto image_end = static_cast<uint32_t>(end);
+
+    const uint32_t sound_len = _getDataLength(0, name_len, 0, data_len);
+    const uint32_t list_len = _getDataLength(0, kMetaNameLength, 0, meta_len);
+    PairRows rows = pairRows(meta_type, sound_type, sound_len, list_len);
+    constexpr int kFailed = -1;
+
+    if (_writeDataTagInfo(fp, sound_type, 0, name, name_len, nullptr, 0) == 0)
+        return fail("File _writeDataTagInfo Error");
+    // A payload write is taken as failed only when it reports 0 bytes.
+    if (_qfwrite(data, data_len, fp) == 0) return fail("File _qfwrite Error");
+    if (_writeDataTagInfo(fp, meta_type, 0, kMetaName, kMetaNameLength, nullptr, 0) == 0)
+        return fail("File _writeDataTagInfo Error");
+    if (_qfwrite(meta, meta_len, fp) == 0) return fail("File _qfwrite Error");
+    if (_writeYAX_QTSS(fp) == kFailed) return fail("File _writeYAX_QTSS Error");
+    if (_writeYAX_QVER(fp) == kFailed) return fail("File _writeYAX_QVER Error");
+    if (_writeYAX_QCnt(fp, 2) == kFailed) return fail("File _writeYAX_QCnt Error");
+    if (_writeYAX_QDR(fp, &rows.sound) == kFailed) return fail("File _writeYAX_QDR Error");
+    if (_writeYAX_QDR(fp, &rows.list) == kFailed) return fail("File _writeYAX_QDR Error");
+    if (_writeYAX_QTHO(fp, 2) == kFailed) return fail("File _writeYAX_QTHO Error");
+    if (_writeYAX_QTS(fp) == kFailed) return fail("File _writeYAX_QTS Error");
+    const uint32_t start = image_end + L::kBlockFixed + name_len;
+    if (_writeVonoHeader(fp, start, start + data_len) == 0)
+        return fail("File _writeVonoHeader Error");
+    return 1;
+}
+
+YAX_EXPORT int NewAddVonoData(YaxInfo *info, uint32_t meta_type, uint32_t sound_type,
+                              const char *name, uint32_t name_len, const void *data,
+                              uint32_t data_len, const void *meta, uint32_t meta_len) {
+    if (data == nullptr || data_len == 0) {
+        YAXLogE(kAddTag, "vono_data NULL");
+        return 0;
+    }
+    if (name == nullptr || name_len == 0) {
+        YAXLogE(kAddTag, "vono_name NULL");
+        return 0;
+    }
+    if (meta == nullptr || meta_len == 0) {
+        YAXLogE(kAddTag, "vono_info_data NULL");
+        return 0;
+    }
+    if (info == nullptr) {
+        YAXLogE(kAddTag, "yax_info NULL");
+        return 0;
+    }
+    if (info->fp == nullptr) {
+        YAXLogE(kAddTag, "yax_info->fp NULL");
+        return 0;
+    }
+    if (!tableComplete(info)) {
+        YAXLogE(kAddTag, "yax_info NULL");
+        return 0;
+    }
+    FILE *fp = info->fp;
+    // The new blocks start where "YAXH" was: the old header, tail and any
+    // Vono block behind them are overwritten by longer content.
+    const int64_t header = _qlseek64(fp, -static_cast<int64_t>(info->header_offset), SEEK_END);
+    if (header < 0) {
+        YAXLogE(kAddTag, "File Search Error");
+        return 0;
+    }
+    const SoundAndList add{meta_type, sound_type, name, name_len, data, data_len, meta, meta_len};
+    // Offsets count back from the header, which moves back by both blocks.
+    const uint32_t grow = add.soundLength() + add.listLength();
+    for (uint32_t i = 0; i < info->meta_count; ++i) info->meta_data[i]->offset += grow;
+    writeUnchecked(fp, static_cast<uint32_t>(header), add, info->meta_data, info->meta_count);
+    return 1;
 }
 
 }  // extern "C"
