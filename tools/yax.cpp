@@ -1,0 +1,633 @@
+// yax: look into and edit the named entries that libYAX keeps behind JPEG and
+// MP4 files.
+//
+//   yax list  FILE [--json]
+//   yax get   FILE NAME [-o OUT] [--sub-info]
+//   yax put   FILE NAME [DATAFILE|-] [--type N] [--sub-info FILE] [--replace] [--fast]
+//   yax rm    FILE NAME... [--fast]
+//   yax clear FILE [--fast]
+//
+// Results go to standard output, one-line errors to standard error. The
+// library prints its own log lines on standard output; they never reach the
+// tool's output (see LibraryQuiet).
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include "yax_api.h"
+#include "yax_container.h"
+#include "yax_support.h"
+#include "yax_vono.h"
+
+namespace {
+
+constexpr const char *kFillerName = "Invalid_Data";
+constexpr const char *kToneListName = "TonePhoto_Meta_Info";
+constexpr uint64_t kMaxPayload = 0xFFF00000u;  // larger payloads are refused by every save
+constexpr size_t kMaxNameLength = 1024;        // longer names cannot be read back
+constexpr uint32_t kMaxDataType = 0xFFFFu;     // the type lives in 16 bits
+constexpr size_t kChunk = 1 << 16;
+
+enum Exit { kOk = 0, kFailed = 1, kUsage = 2 };
+
+bool gVerbose = false;
+
+// ---------------------------------------------------------------------------
+// Output discipline
+
+// The library writes a console line for every failure to standard output (and,
+// off Android, a copy to standard error). Every library call runs inside this
+// guard: both descriptors go to /dev/null, or with --verbose the console lines
+// go to standard error and the copies are dropped. The tool itself prints only
+// after the guard is gone, so its output is exactly its results.
+class LibraryQuiet {
+public:
+    LibraryQuiet() {
+        std::fflush(stdout);
+        std::fflush(stderr);
+        savedOut_ = dup(STDOUT_FILENO);
+        savedErr_ = dup(STDERR_FILENO);
+        int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+        if (null < 0 || savedOut_ < 0 || savedErr_ < 0) {
+            if (null >= 0) close(null);
+            return;
+        }
+        dup2(gVerbose ? savedErr_ : null, STDOUT_FILENO);
+        dup2(null, STDERR_FILENO);
+        close(null);
+    }
+    ~LibraryQuiet() {
+        std::fflush(stdout);
+        std::fflush(stderr);
+        if (savedOut_ >= 0) {
+            dup2(savedOut_, STDOUT_FILENO);
+            close(savedOut_);
+        }
+        if (savedErr_ >= 0) {
+            dup2(savedErr_, STDERR_FILENO);
+            close(savedErr_);
+        }
+    }
+    LibraryQuiet(const LibraryQuiet &) = delete;
+    LibraryQuiet &operator=(const LibraryQuiet &) = delete;
+
+private:
+    int savedOut_ = -1;
+    int savedErr_ = -1;
+};
+
+int fail(const std::string &message) {
+    std::fprintf(stderr, "yax: %s\n", message.c_str());
+    return kFailed;
+}
+
+std::string quoted(const std::string &s) { return "'" + s + "'"; }
+
+bool writeAll(FILE *out, const void *data, size_t size) {
+    return size == 0 || std::fwrite(data, 1, size, out) == size;
+}
+
+// Prints the whole result at once, after every library call is done.
+int emit(const std::string &text) {
+    if (!writeAll(stdout, text.data(), text.size()) || std::fflush(stdout) != 0)
+        return fail(std::string("cannot write the output: ") + std::strerror(errno));
+    return kOk;
+}
+
+// ---------------------------------------------------------------------------
+// Files
+
+// A clear message for a path the tool cannot use, or nothing when it can.
+std::optional<std::string> unusable(const std::string &path, bool forWriting) {
+    struct stat st {};
+    if (stat(path.c_str(), &st) != 0) return "cannot open " + path + ": " + std::strerror(errno);
+    if (S_ISDIR(st.st_mode)) return path + " is a directory";
+    FILE *f = std::fopen(path.c_str(), forWriting ? "r+b" : "rb");
+    if (f == nullptr)
+        return std::string("cannot open ") + path + (forWriting ? " for writing: " : ": ") +
+               std::strerror(errno);
+    std::fclose(f);
+    return std::nullopt;
+}
+
+bool readStream(FILE *in, std::vector<unsigned char> &out) {
+    unsigned char chunk[kChunk];
+    size_t n;
+    while ((n = std::fread(chunk, 1, sizeof chunk, in)) > 0) {
+        if (out.size() + n > kMaxPayload + 1) {  // enough to tell "too big"
+            out.insert(out.end(), chunk, chunk + n);
+            return true;
+        }
+        out.insert(out.end(), chunk, chunk + n);
+    }
+    return !std::ferror(in);
+}
+
+// Reads DATAFILE, or standard input for "-".
+std::optional<std::string> readInput(const std::string &path, std::vector<unsigned char> &out) {
+    if (path == "-") {
+        if (!readStream(stdin, out))
+            return std::string("cannot read standard input: ") + std::strerror(errno);
+        return std::nullopt;
+    }
+    struct stat st {};
+    if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return path + " is a directory";
+    FILE *f = std::fopen(path.c_str(), "rb");
+    if (f == nullptr) return "cannot open " + path + ": " + std::strerror(errno);
+    bool ok = readStream(f, out);
+    int err = errno;
+    std::fclose(f);
+    if (!ok) return "cannot read " + path + ": " + std::strerror(err);
+    return std::nullopt;
+}
+
+// Copies `length` bytes at `offset` of `path` to `out`.
+std::optional<std::string> copyRange(const std::string &path, int64_t offset, int64_t length,
+                                     FILE *out) {
+    FILE *in = std::fopen(path.c_str(), "rb");
+    if (in == nullptr) return "cannot open " + path + ": " + std::strerror(errno);
+    std::optional<std::string> error;
+    struct stat st {};
+    if (fstat(fileno(in), &st) != 0 || offset < 0 || length < 0 ||
+        offset > static_cast<int64_t>(st.st_size) ||
+        length > static_cast<int64_t>(st.st_size) - offset) {
+        error = path + ": the entry lies outside the file";
+    } else if (fseeko(in, static_cast<off_t>(offset), SEEK_SET) != 0) {
+        error = "cannot seek in " + path + ": " + std::strerror(errno);
+    } else {
+        std::vector<unsigned char> chunk(kChunk);
+        int64_t left = length;
+        while (left > 0 && !error) {
+            size_t want = left < static_cast<int64_t>(kChunk) ? static_cast<size_t>(left) : kChunk;
+            size_t got = std::fread(chunk.data(), 1, want, in);
+            if (got != want)
+                error = "cannot read " + path + ": " +
+                        (std::ferror(in) ? std::strerror(errno) : "unexpected end of file");
+            else if (!writeAll(out, chunk.data(), got))
+                error = std::string("cannot write the output: ") + std::strerror(errno);
+            left -= static_cast<int64_t>(got);
+        }
+    }
+    std::fclose(in);
+    return error;
+}
+
+// ---------------------------------------------------------------------------
+// Reading what a file holds
+
+struct Entry {
+    uint32_t index = 0;
+    std::string name;
+    uint32_t type = 0;
+    bool hasSubInfo = false;
+    bool readable = false;  // payload (and sub-information) located inside the file
+    int64_t offset = 0, length = 0;
+    int64_t subOffset = 0, subLength = 0;
+    std::string kind;  // "", "filler", "tonephoto-sound", "tonephoto-list"
+};
+
+struct Sound {
+    uint32_t index = 0;
+    int64_t offset = 0, length = 0;
+};
+
+struct Contents {
+    int signature = 0;
+    std::vector<Entry> entries;
+    std::vector<std::string> tonePhoto;  // the names of the TonePhoto list
+    std::vector<Sound> legacy;           // sounds of the legacy audio block
+    bool legacyUnreadable = false;
+};
+
+bool hasTrailer(int signature) { return signature == SIGNATURE_YAX || signature == SIGNATURE_VONO_YAX; }
+bool hasLegacy(int signature) { return signature == SIGNATURE_VONO || signature == SIGNATURE_VONO_YAX; }
+
+int signatureOf(const std::string &path) {
+    LibraryQuiet quiet;
+    return getSignature(path.c_str());
+}
+
+// Where an entry's payload and sub-information lie. An empty payload cannot be
+// located by the library; it is recognised from the block's own lengths.
+void locate(YaxInfo *info, Entry &e) {
+    const YaxEntry *row = info->meta_data[e.index];
+    if (e.hasSubInfo &&
+        readSubDataInfoOfDataOffset(info, e.index, &e.subOffset, &e.subLength) != 1)
+        return;
+    if (readDataOfIndexOffset(info, e.index, &e.offset, &e.length) == 1) {
+        e.readable = true;
+        return;
+    }
+    int64_t head = 8 + (e.hasSubInfo ? 4 : 0) + static_cast<int64_t>(row->name_length) +
+                   static_cast<int64_t>(row->sub_info_length);
+    if (static_cast<int64_t>(row->length) == head) {
+        e.offset = info->file_size - static_cast<int64_t>(info->header_offset) -
+                   static_cast<int64_t>(row->offset) + head;
+        e.length = 0;
+        e.readable = e.offset >= 0 && e.offset <= info->file_size;
+    }
+}
+
+// Opens the trailer read-only and collects every entry. Returns an error
+// message, or nothing on success; a file without a trailer gives no entries.
+std::optional<std::string> readContents(const std::string &path, Contents &c) {
+    if (auto why = unusable(path, false)) return why;
+    c.signature = signatureOf(path);
+    if (c.signature < SIGNATURE_NONE || c.signature > SIGNATURE_VONO_YAX)
+        return "cannot read " + path;
+
+    if (hasTrailer(c.signature)) {
+        LibraryQuiet quiet;
+        YAXDATA *yd = checkYAXWithReadPM(path.c_str());
+        if (yd == nullptr || yd->yax_info == nullptr || yd->YAX_name_list == nullptr) {
+            destroyYAXDATA(yd);
+            return path + ": the trailer is damaged and cannot be read";
+        }
+        std::set<std::string> tone;
+        for (uint32_t i = 0; i < yd->tonephoto_count && yd->tonephoto_name_list; ++i) {
+            if (yd->tonephoto_name_list[i] == nullptr) continue;
+            c.tonePhoto.emplace_back(yd->tonephoto_name_list[i]);
+            tone.insert(c.tonePhoto.back());
+        }
+        YaxInfo *info = yd->yax_info;
+        for (uint32_t i = 0; i < yd->count && i < info->meta_count; ++i) {
+            const YaxEntry *row = info->meta_data[i];
+            if (row == nullptr) continue;
+            Entry e;
+            e.index = i;
+            e.name = yd->YAX_name_list[i] ? yd->YAX_name_list[i] : "";
+            e.type = row->meta_type >> 16;
+            e.hasSubInfo = row->has_sub_info != 0;
+            locate(info, e);
+            if (e.name == kFillerName && e.type == YAX_INVALID_DATA_TYPE)
+                e.kind = "filler";
+            else if (e.name == kToneListName)
+                e.kind = "tonephoto-list";
+            else if (tone.count(e.name) != 0)
+                e.kind = "tonephoto-sound";
+            c.entries.push_back(std::move(e));
+        }
+        destroyYAXDATA(yd);
+    }
+
+    if (hasLegacy(c.signature)) {
+        LibraryQuiet quiet;
+        VonoInfo *v = _checkAudioInImageFile(path.c_str());
+        if (v == nullptr || (v->count != 0 && v->offsets == nullptr)) {
+            c.legacyUnreadable = true;
+        } else {
+            for (uint32_t i = 0; i < v->count; ++i) {
+                Sound s;
+                s.index = i;
+                s.offset = v->offsets[2 * i];
+                s.length = static_cast<int64_t>(v->offsets[2 * i + 1]) - s.offset;
+                c.legacy.push_back(s);
+            }
+        }
+        DestroyVono(v);
+    }
+    return std::nullopt;
+}
+
+// ---------------------------------------------------------------------------
+// list
+
+// Names may hold any byte but a zero; keep one entry on one line.
+std::string escaped(const std::string &s) {
+    std::string out;
+    for (unsigned char ch : s) {
+        if (ch == '\\') out += "\\\\";
+        else if (ch == '\t') out += "\\t";
+        else if (ch == '\n') out += "\\n";
+        else if (ch == '\r') out += "\\r";
+        else if (ch < 0x20 || ch == 0x7F) {
+            char hex[5];
+            std::snprintf(hex, sizeof hex, "\\x%02x", ch);
+            out += hex;
+        } else out += static_cast<char>(ch);
+    }
+    return out;
+}
+
+std::string listText(const Contents &c) {
+    std::string out;
+    for (const Entry &e : c.entries) {
+        out += std::to_string(e.index) + "\t" + escaped(e.name) + "\t" + std::to_string(e.type) + "\t";
+        if (e.readable) {
+            out += std::to_string(e.length) + "\t" + std::to_string(e.hasSubInfo ? e.subLength : 0) +
+                   "\t" + std::to_string(e.offset);
+        } else {
+            out += "-\t-\t-";
+        }
+        std::string kind = e.readable ? e.kind : "damaged";
+        if (!kind.empty()) out += "\t" + kind;
+        out += "\n";
+    }
+    for (const Sound &s : c.legacy)
+        out += "audio" + std::to_string(s.index) + "\t-\t-\t" + std::to_string(s.length) + "\t-\t" +
+               std::to_string(s.offset) + "\tlegacy-audio\n";
+    return out;
+}
+
+std::string listJson(const std::string &path, const Contents &c) {
+    using nlohmann::json;
+    json entries = json::array();
+    for (const Entry &e : c.entries) {
+        json j = {{"index", e.index}, {"name", e.name}, {"type", e.type},
+                  {"kind", e.kind.empty() ? "entry" : e.kind}};
+        if (e.readable) {
+            j["length"] = e.length;
+            j["offset"] = e.offset;
+            j["sub_info_length"] = e.hasSubInfo ? e.subLength : 0;
+            if (e.hasSubInfo) j["sub_info_offset"] = e.subOffset;
+        } else {
+            j["kind"] = "damaged";
+            j["length"] = nullptr;
+            j["offset"] = nullptr;
+            j["sub_info_length"] = nullptr;
+        }
+        entries.push_back(std::move(j));
+    }
+    json legacy = json::array();
+    for (const Sound &s : c.legacy)
+        legacy.push_back({{"index", s.index}, {"offset", s.offset}, {"length", s.length}});
+    json doc = {{"file", path},
+                {"entries", std::move(entries)},
+                {"tonephoto", c.tonePhoto},
+                {"legacy_audio", std::move(legacy)}};
+    return doc.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
+}
+
+int cmdList(const std::string &path, bool json) {
+    Contents c;
+    if (auto why = readContents(path, c)) return fail(*why);
+    if (c.legacyUnreadable) return fail(path + ": the legacy audio block is damaged and cannot be read");
+    return emit(json ? listJson(path, c) : listText(c));
+}
+
+// ---------------------------------------------------------------------------
+// get
+
+const Entry *findEntry(const Contents &c, const std::string &name) {
+    // The library's lookup: exact match, the first entry of a name wins.
+    for (const Entry &e : c.entries)
+        if (e.name == name) return &e;
+    return nullptr;
+}
+
+int cmdGet(const std::string &path, const std::string &name, const std::string &outPath,
+           bool subInfo) {
+    Contents c;
+    if (auto why = readContents(path, c)) return fail(*why);
+    const Entry *e = findEntry(c, name);
+    if (e == nullptr) return fail(path + ": no entry named " + quoted(name));
+    if (subInfo && !e->hasSubInfo)
+        return fail(path + ": entry " + quoted(name) + " has no sub-information");
+    if (!e->readable) return fail(path + ": entry " + quoted(name) + " is damaged and cannot be read");
+    int64_t offset = subInfo ? e->subOffset : e->offset;
+    int64_t length = subInfo ? e->subLength : e->length;
+
+    if (outPath.empty() || outPath == "-") {
+        if (auto why = copyRange(path, offset, length, stdout)) return fail(*why);
+        if (std::fflush(stdout) != 0)
+            return fail(std::string("cannot write the output: ") + std::strerror(errno));
+        return kOk;
+    }
+
+    // Write beside the target and move it into place, so a failure leaves no
+    // half-written file behind.
+    std::string temp = outPath + ".XXXXXX";
+    int fd = mkstemp(temp.data());
+    if (fd < 0) return fail("cannot create " + outPath + ": " + std::strerror(errno));
+    FILE *out = fdopen(fd, "wb");
+    std::optional<std::string> error;
+    if (out == nullptr) {
+        close(fd);
+        error = "cannot create " + outPath + ": " + std::strerror(errno);
+    } else {
+        error = copyRange(path, offset, length, out);
+        if (std::fclose(out) != 0 && !error)
+            error = "cannot write " + outPath + ": " + std::strerror(errno);
+    }
+    if (!error) {
+        // mkstemp makes the file private; give it the permissions of a new file.
+        mode_t mask = umask(0);
+        umask(mask);
+        chmod(temp.c_str(), 0666 & ~mask);
+        if (std::rename(temp.c_str(), outPath.c_str()) != 0)
+            error = "cannot create " + outPath + ": " + std::strerror(errno);
+    }
+    if (error) {
+        unlink(temp.c_str());
+        return fail(*error);
+    }
+    return kOk;
+}
+
+// ---------------------------------------------------------------------------
+// Edits
+
+// The entries of a file about to be edited: refuses files the tool cannot
+// write, cannot read, or whose trailer is damaged.
+std::optional<std::string> prepareEdit(const std::string &path, Contents &c) {
+    if (auto why = unusable(path, true)) return why;
+    return readContents(path, c);
+}
+
+int cmdPut(const std::string &path, const std::string &name, const std::string &dataPath,
+           uint32_t type, const std::string &subPath, bool replace, bool fast) {
+    if (name.empty()) return fail("the entry name is empty");
+    if (name.size() > kMaxNameLength)
+        return fail("the entry name is longer than " + std::to_string(kMaxNameLength) + " bytes");
+    if (type == YAX_USER_DEFINED_DATA && subPath.empty())
+        return fail("data type 0 needs sub-information (--sub-info FILE)");
+
+    std::vector<unsigned char> data, sub;
+    if (auto why = readInput(dataPath, data)) return fail(*why);
+    if (data.empty()) return fail("the payload is empty; an entry needs at least one byte");
+    if (data.size() > kMaxPayload) return fail("the payload is too big to store");
+    if (!subPath.empty()) {
+        if (auto why = readInput(subPath, sub)) return fail(*why);
+        if (sub.empty()) return fail("the sub-information is empty");
+        if (sub.size() > kMaxPayload) return fail("the sub-information is too big to store");
+    }
+
+    Contents c;
+    if (auto why = prepareEdit(path, c)) return fail(*why);
+    if (findEntry(c, name) != nullptr && !replace)
+        return fail(path + ": an entry named " + quoted(name) +
+                    " already exists (use --replace to overwrite it)");
+    if (fast && hasLegacy(c.signature))
+        return fail(path + ": --fast cannot edit a file that holds legacy audio; save without --fast");
+
+    int ok;
+    {
+        LibraryQuiet quiet;
+        const void *subData = sub.empty() ? nullptr : sub.data();
+        auto nameLength = static_cast<uint32_t>(name.size());
+        auto subLength = static_cast<uint32_t>(sub.size());
+        auto dataLength = static_cast<uint32_t>(data.size());
+        int option = replace ? 1 : 0;
+        ok = fast ? saveFastYAXDataToFile(path.c_str(), name.c_str(), nameLength, subData,
+                                          subLength, data.data(), dataLength, type, option)
+                  : saveYAXDataToFile(path.c_str(), name.c_str(), nameLength, subData, subLength,
+                                      data.data(), dataLength, type, option);
+    }
+    if (ok != 1)
+        return fail(path + ": saving " + quoted(name) +
+                    " failed (the file has no room for it or could not be written; --verbose shows why)");
+    return kOk;
+}
+
+int cmdRemove(const std::string &path, const std::vector<std::string> &names, bool fast) {
+    std::set<std::string> seen;
+    for (const std::string &n : names)
+        if (!seen.insert(n).second) return fail(quoted(n) + " is named twice");
+
+    Contents c;
+    if (auto why = prepareEdit(path, c)) return fail(*why);
+    // Nothing is touched unless every name is there.
+    for (const std::string &n : names)
+        if (findEntry(c, n) == nullptr) return fail(path + ": no entry named " + quoted(n));
+
+    if (fast) {
+        for (const std::string &n : names) {
+            int ok;
+            {
+                LibraryQuiet quiet;
+                ok = deleteFastAYAXData(path.c_str(), n.c_str());
+            }
+            if (ok != 1) return fail(path + ": removing " + quoted(n) + " failed");
+        }
+        return kOk;
+    }
+
+    YAXDATA *handle;
+    {
+        LibraryQuiet quiet;
+        handle = checkYAXInFile(path.c_str());
+    }
+    if (handle == nullptr) return fail(path + ": the trailer is damaged and cannot be read");
+    for (const std::string &n : names) {
+        int ok = 0;
+        {
+            LibraryQuiet quiet;
+            // The handle turns null once the last entry is gone; names were
+            // checked to be present and distinct, so that is the final one.
+            if (handle != nullptr)
+                ok = deleteYAXDataFromFilebyName(&handle, n.c_str(), static_cast<int>(n.size()));
+        }
+        if (ok != 1) {
+            {
+                LibraryQuiet quiet;
+                destroyYAXDATA(handle);
+            }
+            return fail(path + ": removing " + quoted(n) + " failed");
+        }
+    }
+    LibraryQuiet quiet;
+    destroyYAXDATA(handle);
+    return kOk;
+}
+
+int cmdClear(const std::string &path, bool fast) {
+    Contents c;
+    if (auto why = prepareEdit(path, c)) return fail(*why);
+    if (c.signature == SIGNATURE_NONE) return kOk;  // nothing stored
+    if (fast && !hasTrailer(c.signature))
+        return fail(path + ": --fast cannot remove legacy audio; clear without --fast");
+    int ok;
+    {
+        LibraryQuiet quiet;
+        ok = fast ? deleteFastAllYAXData(path.c_str()) : deleteAllDataFromFile(path.c_str());
+    }
+    if (ok != 1) return fail(path + ": removing the entries failed");
+    return kOk;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    CLI::App app{"yax: list, extract, store and remove the named entries kept behind JPEG and "
+                 "MP4 files."};
+    app.footer(
+        "Exit status: 0 on success, 1 when the command failed (missing file, unknown name, "
+        "refused save, damaged trailer), 2 for a usage error.");
+    app.require_subcommand(1);
+    app.add_flag("-v,--verbose", gVerbose, "Show the library's log lines on standard error");
+
+    std::string file, name, out, data = "-", subFile;
+    std::vector<std::string> names;
+    bool json = false, subInfo = false, replace = false, fast = false;
+    uint32_t type = 1;
+
+    CLI::App *list = app.add_subcommand(
+        "list", "List the entries of FILE, one per line, tab-separated: index, name, data type, "
+                "payload length, sub-information length, absolute payload offset, and a kind for "
+                "special entries (filler, tonephoto-sound, tonephoto-list, damaged). Sounds of a "
+                "legacy audio block follow as audioN lines (kind legacy-audio).");
+    list->add_option("FILE", file, "Image or video file")->required();
+    list->add_flag("--json", json, "Print one JSON document instead");
+
+    CLI::App *get = app.add_subcommand(
+        "get", "Write the payload (or the sub-information) of entry NAME byte for byte.");
+    get->add_option("FILE", file, "Image or video file")->required();
+    get->add_option("NAME", name, "Entry name")->required();
+    get->add_option("-o,--output", out, "Write to OUT instead of standard output");
+    get->add_flag("--sub-info", subInfo, "Write the sub-information instead of the payload");
+
+    CLI::App *put = app.add_subcommand(
+        "put", "Store DATAFILE (or standard input) as entry NAME of FILE.");
+    put->add_option("FILE", file, "Image or video file, edited in place")->required();
+    put->add_option("NAME", name, "Entry name")->required();
+    put->add_option("DATAFILE", data, "Payload file, or - for standard input (the default)");
+    put->add_option("--type", type, "Data type, 0 to 65535 (0 needs --sub-info)")
+        ->check(CLI::Range(0u, kMaxDataType))
+        ->default_str("1");
+    put->add_option("--sub-info", subFile, "File holding the entry's sub-information");
+    put->add_flag("--replace", replace, "Replace an entry of the same name");
+    put->add_flag("--fast", fast,
+                  "Edit in place without rewriting the file; a replaced entry's space is kept "
+                  "as filler and reused");
+
+    CLI::App *rm = app.add_subcommand("rm", "Remove the named entries from FILE.");
+    rm->add_option("FILE", file, "Image or video file, edited in place")->required();
+    rm->add_option("NAME", names, "Entry names")->required();
+    rm->add_flag("--fast", fast, "Turn the entries into filler without shortening the file");
+
+    CLI::App *clear = app.add_subcommand("clear", "Remove every entry from FILE.");
+    clear->add_option("FILE", file, "Image or video file, edited in place")->required();
+    clear->add_flag("--fast", fast, "Turn the entries into filler without shortening the file");
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp &e) {
+        return app.exit(e);
+    } catch (const CLI::CallForAllHelp &e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError &e) {
+        // One line; the full help is a --help away.
+        std::fprintf(stderr, "yax: %s (see yax --help)\n", e.what());
+        return kUsage;
+    }
+
+    if (list->parsed()) return cmdList(file, json);
+    if (get->parsed()) return cmdGet(file, name, out, subInfo);
+    if (put->parsed()) return cmdPut(file, name, data, type, subFile, replace, fast);
+    if (rm->parsed()) return cmdRemove(file, names, fast);
+    if (clear->parsed()) return cmdClear(file, fast);
+    return kUsage;
+}
