@@ -327,3 +327,79 @@ TEST(ToneRows, CustomRowsShiftTheTailRowsUpAndTheMovedRowsDown) {
     w.u32(2 << 16).u32(905).u32(11).u32(3 << 16).u32(805).u32(12).u32(4 << 16).u32(705).u32(13);
     EXPECT_EQ(tu::readFile(path), w.done());
 }
+
+// ---- name lists extended and shortened from a parsed trailer ----
+
+class ToneListEdit : public ::testing::Test {
+protected:
+    tu::TempDir dir;
+    std::string path = dir.path("list.jpg");
+    YaxInfo *info = nullptr;
+    unsigned char out[1000];
+
+    // A trailer whose entry 1 carries `listBytes` as the list payload.
+    void open(const Bytes &listBytes) {
+        const std::string p(listBytes.begin(), listBytes.end());
+        tu::writeFile(path, tb::fakeImage(200) + tb::trailer({sound("a", "xx"),
+                                                              tb::Entry{2048, kMeta, p, ""}}));
+        info = ParseYAX(path.c_str(), SIGNATURE_YAX);
+        ASSERT_NE(info, nullptr);
+        ASSERT_EQ(getYAXList(info), 1);
+        std::memset(out, 0xEE, sizeof out);
+    }
+    void TearDown() override { DestroyYAX(info); }
+};
+
+TEST_F(ToneListEdit, MinusAlwaysDropsTheLastName) {
+    open(tb::toneList({"a", "bb", "ccc"}, 7, 9));
+    for (const char *name : {"a", "bb", "ccc", "none"}) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(makeMinusVonoHeader(out, info, 1, 0, name), 12u + 8u + 3u);
+        EXPECT_EQ(outBytes(out, 23), tb::toneList({"a", "bb"}, 7, 9));
+        EXPECT_EQ(out[23], 0xEE);
+    }
+    EXPECT_EQ(makeMinusVonoHeader(out, info, 1, 0, nullptr), 23u);
+    EXPECT_EQ(makeMinusVonoHeader(out, info, 2, 0, "a"), 0u);  // no such entry
+}
+
+TEST_F(ToneListEdit, MinusOnAnEmptyListWritesAllOnesAndReturnsEight) {
+    open(tb::toneList({}, 1, 0));
+    EXPECT_EQ(makeMinusVonoHeader(out, info, 1, 0, "a"), 8u);
+    EXPECT_EQ(outBytes(out, 12), tb::Builder().u32(1).u32(0).u32(0xFFFFFFFFu).done());
+    EXPECT_EQ(out[12], 0xEE);
+}
+
+TEST_F(ToneListEdit, AddAppendsOneNameKeepingTheLeadingWords) {
+    open(tb::toneList({"a", "bb"}, 3, 4));
+    EXPECT_EQ(makeAddVonoHeader(out, info, 1, 0, "rain", 4), 16u + 8u + 3u + 4u);
+    EXPECT_EQ(outBytes(out, 31), tb::toneList({"a", "bb", "rain"}, 3, 4));
+    EXPECT_EQ(out[31], 0xEE);
+}
+
+TEST_F(ToneListEdit, AddToAnEmptyListGivesOneName) {
+    open(tb::toneList({}));
+    EXPECT_EQ(makeAddVonoHeader(out, info, 1, 0, "rain", 4), 20u);
+    EXPECT_EQ(outBytes(out, 20), tb::toneList({"rain"}));
+}
+
+TEST_F(ToneListEdit, AddFailurePrintsItsConsoleLine) {
+    open(tb::toneList({"a"}));
+    EXPECT_EQ(tu::capture([&] { EXPECT_EQ(makeAddVonoHeader(out, info, 5, 0, "x", 1), 0u); }),
+              "error!!!!!!!!\n");
+    EXPECT_EQ(out[0], 0xEE);
+}
+
+TEST_F(ToneListEdit, ListsClaimingMoreThanTheyHoldAreRefused) {
+    // a count far past the payload, and a name length past its end
+    const Bytes bigCount = tb::Builder().u32(1).u32(0).u32(0x40000000u).u32(1).str("a").done();
+    const Bytes longName = tb::Builder().u32(1).u32(0).u32(2).u32(1).u32(0xFFFFFFF0u).str("ab").done();
+    for (const Bytes &bad : {bigCount, longName}) {
+        open(bad);
+        EXPECT_EQ(tu::capture([&] { EXPECT_EQ(makeAddVonoHeader(out, info, 1, 0, "x", 1), 0u); }),
+                  "error!!!!!!!!\n");
+        EXPECT_EQ(makeMinusVonoHeader(out, info, 1, 0, "a"), 0u);
+        EXPECT_EQ(out[0], 0xEE);
+        DestroyYAX(info);
+        info = nullptr;
+    }
+}

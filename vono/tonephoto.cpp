@@ -6,12 +6,14 @@
 // A payload built from scratch starts with 1, 0; an edited one keeps the two
 // words it was read with.
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 
 #include "container/layout.hpp"
 #include "support/bytes.hpp"
 #include "support/io.hpp"
 #include "support/misrouted_write.hpp"
+#include "vono/tonephoto_payload.hpp"
 #include "yax_container.h"
 #include "yax_support.h"
 #include "yax_vono.h"
@@ -112,6 +114,19 @@ void writeUnchecked(FILE *fp, uint32_t at, const SoundAndList &a, YaxEntry *cons
     _writeVonoHeader(fp, a.soundStart(at), a.soundStart(at) + a.data_len);
 }
 
+// The name list entry read from a parsed trailer, with its length.
+struct ListPayload {
+    unsigned char *data = nullptr;
+    int64_t length = 0;
+    ~ListPayload() { _qfree(data); }
+};
+
+bool readListPayload(YaxInfo *info, uint32_t index, ListPayload &out) {
+    int64_t position = 0;
+    if (readDataOfIndexOffset(info, index, &position, &out.length) != 1) return false;
+    return readDataOfIndex(info, index, &out.data, nullptr) == 1 && out.data != nullptr;
+}
+
 }  // namespace
 
 extern "C" {
@@ -140,6 +155,73 @@ YAX_EXPORT uint32_t makeSecondVonoHeader(unsigned char *out, const char *name1, 
     if (len1 != 0) std::memcpy(out + 20, name1, len1);
     if (len2 != 0) std::memcpy(out + 20 + len1, name2, len2);
     return 20 + len1 + len2;
+}
+
+YAX_EXPORT uint32_t makeAddVonoHeader(unsigned char *out, YaxInfo *info, uint32_t index,
+                                      uint32_t /*ignored*/, const char *name,
+                                      uint32_t name_len) {
+    ListPayload payload;
+    yax::tone::ListView view;
+    if (out == nullptr || (name == nullptr && name_len != 0) ||
+        !readListPayload(info, index, payload) ||
+        !yax::tone::openList(payload.data, static_cast<uint64_t>(payload.length), view)) {
+        std::puts("error!!!!!!!!");
+        return 0;
+    }
+    const uint32_t n = view.count;
+    const auto names = static_cast<uint32_t>(view.namesBytes);
+    unsigned char *p = out;
+    yax::put32(p, view.word0());
+    yax::put32(p + 4, view.word1());
+    yax::put32(p + 8, n + 1);
+    p += yax::tone::kListFixed;
+    std::memcpy(p, view.data + yax::tone::kListFixed, 4u * n);
+    p += 4u * n;
+    yax::put32(p, name_len);
+    p += 4;
+    std::memcpy(p, view.namesStart(), names);
+    p += names;
+    if (name_len != 0) std::memcpy(p, name, name_len);
+    return 16 + 4 * n + names + name_len;
+}
+
+YAX_EXPORT uint32_t makeMinusVonoHeader(unsigned char *out, YaxInfo *info, uint32_t index,
+                                        uint32_t /*ignored*/, const char *name) {
+    ListPayload payload;
+    yax::tone::ListView view;
+    if (out == nullptr || !readListPayload(info, index, payload) || payload.length <= 0 ||
+        !yax::tone::openList(payload.data, static_cast<uint64_t>(payload.length), view))
+        return 0;
+    const uint32_t n = view.count;
+
+    // Which listed name is being removed: the last equal one, else the first.
+    uint32_t k = 0;
+    if (name != nullptr) {
+        yax::tone::forEachName(view, [&](uint32_t i, const char *listed, uint32_t len) {
+            if (std::strlen(name) == len && std::memcmp(listed, name, len) == 0) k = i;
+            return true;
+        });
+    }
+
+    yax::put32(out, view.word0());
+    yax::put32(out + 4, view.word1());
+    yax::put32(out + 8, n - 1);  // all ones for an empty list
+
+    // One pass per listed name; pass k copies nothing and the source only
+    // advances on a copy, so the list always loses its last name whichever
+    // name matched. Callers arrange their entries around exactly this.
+    unsigned char *lengths = out + yax::tone::kListFixed;
+    uint32_t src = 0;
+    uint32_t copied = 0;
+    for (uint32_t pass = 0; pass < n; ++pass) {
+        if (pass == k) continue;
+        std::memcpy(lengths + 4u * src, view.data + yax::tone::kListFixed + 4u * src, 4);
+        copied += view.lengthAt(src);
+        ++src;
+    }
+    unsigned char *names = lengths + 4u * src;
+    if (copied != 0) std::memcpy(names, view.namesStart(), copied);
+    return 12 + 4 * (n - 1) + copied;
 }
 
 YAX_EXPORT uint32_t getVonoHeaderCount(const unsigned char *payload) {
