@@ -196,17 +196,18 @@ TEST_F(ToneAdd, FirstTimeOnPathRefusalsLeaveFileAlone) {
     EXPECT_FALSE(tu::exists(dir.path("none.jpg")));
 }
 
-TEST_F(ToneAdd, FirstTimeOnStreamWritesTheSameBytesAndKeepsStreamOpen) {
-    tu::writeFile(path, image);
+TEST_F(ToneAdd, FirstTimeOnStreamWritesAtTheStreamPosition) {
+    // image + 40 bytes of old tail that the new content overwrites
+    tu::writeFile(path, image + Bytes(40, 0xAB));
     FILE *fp = _qfopen(path.c_str(), "r+b");
     ASSERT_NE(fp, nullptr);
-    _qlseek64(fp, 10, SEEK_SET);  // it appends at the end wherever the stream stood
+    ASSERT_EQ(_qlseek64(fp, size32(image), SEEK_SET), static_cast<int64_t>(image.size()));
     EXPECT_EQ(NewAddVonoDataInFirstTimeFP(fp, 2048, 256, "rain", 4, snd.data(),
                                           static_cast<uint32_t>(snd.size()), listPayload.data(),
                                           size32(listPayload)),
               1);
     EXPECT_EQ(_qlseek64(fp, 0, SEEK_CUR), static_cast<int64_t>(expectedFirst().size()));
-    _qfclose(fp);
+    _qfclose(fp);  // the stream stayed open until here
     EXPECT_EQ(tu::readFile(path), expectedFirst());
 }
 
@@ -224,7 +225,8 @@ TEST_F(ToneAdd, FirstTimeOnStreamNamesEveryFailure) {
                               "vono_info_data == VELTA_YAX_NULL || vono_info_data_size <= 0 ") +
                   tu::errLine(kFirstFpTag, "fp == VELTA_YAX_NULL "));
 
-    tu::writeFile(path, {});
+    // a stream standing at the very start has no image to append to
+    tu::writeFile(path, image);
     FILE *fp = _qfopen(path.c_str(), "r+b");
     ASSERT_NE(fp, nullptr);
     EXPECT_EQ(tu::capture([&] {
@@ -232,12 +234,13 @@ TEST_F(ToneAdd, FirstTimeOnStreamNamesEveryFailure) {
               }),
               tu::errLine(kFirstFpTag, "File Search Error"));
     _qfclose(fp);
-    EXPECT_EQ(tu::readFile(path), Bytes{});
+    EXPECT_EQ(tu::readFile(path), image);
 
     // a stream opened for reading only: the first block's fields cannot be written
     tu::writeFile(path, image);
     fp = _qfopen(path.c_str(), "rb");
     ASSERT_NE(fp, nullptr);
+    _qlseek64(fp, 0, SEEK_END);
     EXPECT_EQ(tu::capture([&] {
                   EXPECT_EQ(NewAddVonoDataInFirstTimeFP(fp, 1, 1, "a", 1, d, 5, m, 4), 0);
               }),

@@ -342,7 +342,10 @@ YAX_EXPORT int NewAddVonoDataInFirstTimeFP(FILE *fp, uint32_t meta_type, uint32_
         return 0;
     };
     if (name == nullptr && name_len != 0) return fail("File _writeDataTagInfo Error");
-    const int64_t end = _qlseek64(fp, 0, SEEK_END);
+    // The stream flavour writes where the caller left the stream: after the
+    // legacy block has been dropped that is the old sound's start, and the
+    // new, longer content covers everything behind it.
+    const int64_t end = _qlseek64(fp, 0, SEEK_CUR);
     if (end <= 0) return fail("File Search Error");
     const auto image_end = static_cast<uint32_t>(end);
 
