@@ -1,0 +1,693 @@
+// Adding one entry. Every add appends: a first add writes the block and a
+// one-row header at the end of the file; a later add writes the new block
+// where the old header began, then a header one row longer and the tail.
+// Nothing is truncated and no temporary file is used; the file only grows
+// (the fast add may instead reuse the space of the filler entry, row 0).
+//
+// The path, FILE* and buffer flavours share one body per algorithm; what a
+// flavour changes (log tags and messages, how a failed seek or write is
+// recognised) is spelled out in the flavour tables below.
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <unistd.h>
+
+#include "container/layout.hpp"
+#include "support/io.hpp"
+#include "yax_container.h"
+#include "yax_support.h"
+#include "yax_vono.h"
+
+namespace yax {
+namespace {
+
+using namespace layout;
+
+constexpr const char *kUserDataMsg = "if Data type is UserData then must use DataSubInfo";
+constexpr const char *kTooBigMsg = "YAX data is too big for one block";
+
+// ---- the field writers of each backend ----
+
+int tagInfo(const FileIO &io, uint32_t type, uint32_t has_sub, const char *name, uint32_t name_len,
+            const void *sub, uint32_t sub_len) {
+    return _writeDataTagInfo(io.fp, type, has_sub, name, name_len, sub, sub_len);
+}
+int tagInfo(const BufIO &io, uint32_t type, uint32_t has_sub, const char *name, uint32_t name_len,
+            const void *sub, uint32_t sub_len) {
+    return _writeDataTagInfoBuffer(io.h, type, has_sub, name, name_len, sub, sub_len);
+}
+int qtss(const FileIO &io) { return _writeYAX_QTSS(io.fp); }
+int qtss(const BufIO &io) { return _writeYAX_QTSS_Buffer(io.h); }
+int qver(const FileIO &io) { return _writeYAX_QVER(io.fp); }
+int qver(const BufIO &io) { return _writeYAX_QVER_Buffer(io.h); }
+int qcnt(const FileIO &io, uint32_t n) { return _writeYAX_QCnt(io.fp, n); }
+int qcnt(const BufIO &io, uint32_t n) { return _writeYAX_QCnt_Buffer(io.h, n); }
+int qdr(const FileIO &io, YaxEntry *row) { return _writeYAX_QDR(io.fp, row); }
+int qdr(const BufIO &io, YaxEntry *row) { return _writeYAX_QDR_Buffer(io.h, row); }
+int qtho(const FileIO &io, uint32_t n) { return _writeYAX_QTHO(io.fp, n); }
+int qtho(const BufIO &io, uint32_t n) { return _writeYAX_QTHO_Buffer(io.h, n); }
+int qts(const FileIO &io) { return _writeYAX_QTS(io.fp); }
+int qts(const BufIO &io) { return _writeYAX_QTS_Buffer(io.h); }
+int vonoHeader(const FileIO &io, uint32_t start, uint32_t end) {
+    return _writeVonoHeader(io.fp, start, end);
+}
+int vonoHeader(const BufIO &io, uint32_t start, uint32_t end) {
+    return _writeVonoHeaderBuffer(io.h, start, end);
+}
+
+// ---- the entry being added ----
+
+struct NewEntry {
+    uint32_t data_type;
+    const char *name;
+    uint32_t name_length;
+    const void *sub_info;
+    uint32_t sub_info_length;  // 0 when there is no sub-information
+    const void *data;
+    uint32_t data_length;
+    uint32_t has_sub_info;
+
+    NewEntry(uint32_t type, const char *n, uint32_t n_len, const void *sub, uint32_t sub_len,
+             const void *d, uint32_t d_len)
+        : data_type(type), name(n), name_length(n_len), sub_info(sub), sub_info_length(0),
+          data(d), data_length(d_len), has_sub_info(sub != nullptr && sub_len != 0 ? 1u : 0u) {
+        // A length without bytes is no sub-information; keeping it out of
+        // the block keeps the block length and the bytes written in step.
+        if (has_sub_info) sub_info_length = sub_len;
+    }
+    bool userDataWithoutSubInfo() const {
+        return data_type == YAX_USER_DEFINED_DATA && !has_sub_info;
+    }
+    uint32_t metaType() const { return layout::metaType(data_type, has_sub_info); }
+    // The whole block length, or false when it does not fit the 32-bit row.
+    bool blockLength(uint32_t *out) const {
+        uint64_t n = uint64_t{kBlockFixed} + name_length + data_length +
+                     (has_sub_info ? uint64_t{kSubInfoField} + sub_info_length : 0);
+        if (n > UINT32_MAX) return false;
+        *out = static_cast<uint32_t>(n);
+        return true;
+    }
+};
+
+// ---- how a flavour recognises a failed step, and what it says ----
+
+enum class FailTest {
+    kNone,     // results are not looked at
+    kZero,     // a result of 0 fails (the buffer writers' failure value)
+    kBackend,  // the backend's own failure value (-1 for files, 0 for buffers)
+};
+
+template <typename IO>
+class Checker {
+public:
+    Checker(const IO &io, const char *tag, FailTest test) : io_(io), tag_(tag), test_(test) {}
+    // A write result: logs `msg` and answers false when it counts as failed.
+    bool wrote(int result, const char *msg) const {
+        bool failed = test_ == FailTest::kZero      ? result == 0
+                      : test_ == FailTest::kBackend ? io_.writeFailed(result)
+                                                    : false;
+        return report(failed, msg);
+    }
+    // A step that reports 1 or 0 itself (the block's leading fields).
+    bool succeeded(int result, const char *msg) const {
+        return report(test_ != FailTest::kNone && result == 0, msg);
+    }
+
+private:
+    bool report(bool failed, const char *msg) const {
+        if (failed) YAXLogE(tag_, msg);
+        return !failed;
+    }
+    IO io_;
+    const char *tag_;
+    FailTest test_;
+};
+
+// Messages of the header writes, in emission order.
+struct HeaderMessages {
+    const char *qtss, *qver, *qcnt;
+};
+constexpr HeaderMessages kFieldMessages{"file _writeYAX_QTSS error\n", "file _writeYAX_QVER error\n",
+                                        "file _writeYAX_QCnt error\n"};
+constexpr const char *kQdrMsg = "file _writeYAX_QDR error\n";
+constexpr const char *kQthoMsg = "file _writeYAX_QTHO error\n";
+constexpr const char *kQtsMsg = "file _writeYAX_QTS error\n";
+
+// Header and tail: "YAXH", 105, count, the old rows (none for a first add),
+// the new row, header size, "YAXT".
+template <typename IO>
+bool putHeader(const IO &io, const Checker<IO> &check, const HeaderMessages &msgs,
+               const YaxInfo *info, uint32_t new_meta, uint32_t new_length) {
+    const uint32_t old_rows = info != nullptr ? info->meta_count : 0;
+    if (!check.wrote(qtss(io), msgs.qtss) || !check.wrote(qver(io), msgs.qver) ||
+        !check.wrote(qcnt(io, old_rows + 1), msgs.qcnt))
+        return false;
+    for (uint32_t i = 0; i < old_rows; ++i) {
+        if (!check.wrote(qdr(io, info->meta_data[i]), kQdrMsg)) return false;
+    }
+    YaxEntry row{};
+    row.meta_type = new_meta;
+    row.offset = new_length;
+    row.length = new_length;
+    return check.wrote(qdr(io, &row), kQdrMsg) && check.wrote(qtho(io, old_rows + 1), kQthoMsg) &&
+           check.wrote(qts(io), kQtsMsg);
+}
+
+// The block: leading fields, then the payload.
+template <typename IO>
+bool putBlock(const IO &io, const Checker<IO> &check, const NewEntry &e, const char *tag_info_msg,
+              const char *payload_msg) {
+    return check.succeeded(tagInfo(io, e.data_type, e.has_sub_info, e.name, e.name_length,
+                                   e.sub_info, e.sub_info_length),
+                           tag_info_msg) &&
+           check.wrote(io.write(e.data, e.data_length), payload_msg);
+}
+
+// True when every row of the table exists.
+bool tableUsable(const YaxInfo *info) {
+    if (info->meta_count == 0) return true;
+    if (info->meta_data == nullptr) return false;
+    for (uint32_t i = 0; i < info->meta_count; ++i) {
+        if (info->meta_data[i] == nullptr) return false;
+    }
+    return true;
+}
+
+// Offsets count back from the header; the header moves back by the new block.
+void shiftRows(YaxInfo *info, uint32_t by) {
+    for (uint32_t i = 0; i < info->meta_count; ++i) info->meta_data[i]->offset += by;
+}
+
+// The old header's first byte: header_offset before the end.
+template <typename IO>
+int64_t headerPosition(const IO &io, const YaxInfo *info) {
+    return io.seek(-static_cast<int64_t>(info->header_offset), SEEK_END);
+}
+
+// ---- first add: no trailer yet ----
+
+enum class EndSeekRule {
+    kLow32Zero,    // the path flavour: fails when the low word of the end is 0
+    kNotPositive,  // FILE*: an empty file is refused
+    kNegative,     // buffer: only a failed seek
+};
+
+struct FirstTimeFlavour {
+    const char *arg_tag;
+    const char *io_tag;
+    const char *name_msg;
+    const char *data_msg;
+    const char *stream_msg;
+    EndSeekRule end_rule;
+    const char *seek_tag;
+    const char *seek_msg;  // the path flavour formats a 0 into it
+    const char *tag_info_msg;
+    const char *payload_msg;
+    HeaderMessages fields;
+};
+
+constexpr FirstTimeFlavour kFirstPath{
+    "YAX::AddYAXDataInFirstTime",
+    "YAXEncoder::AddYAXDataInFirstTime",
+    "name null",
+    "data null",
+    "file open error",
+    EndSeekRule::kLow32Zero,
+    "YAX::AddYAXDataInFirstTime",
+    "file search error = %d\n",
+    "file write error\n",
+    "file write error\n",
+    {"file write error\n", "file write error\n", "file write error\n"}};
+
+constexpr FirstTimeFlavour kFirstFP{
+    "YAX::AddYAXDataInFirstTimeFP",
+    "YAXEncoder::AddYAXDataInFirstTimeFP",
+    "name_size <= 0 || name == NULL",
+    "data == 0 || data_size <= 0",
+    "fp == NULL",
+    EndSeekRule::kNotPositive,
+    "YAXEncoder::AddYAXDataInFirstTimeFP",
+    "file Search error\n",
+    "File _writeDataTagInfo Error",
+    "file write error\n",
+    kFieldMessages};
+
+// The buffer flavour speaks with its FILE* twin's tags.
+constexpr FirstTimeFlavour kFirstBuffer{
+    "YAX::AddYAXDataInFirstTimeFP",
+    "YAXEncoder::AddYAXDataInFirstTimeFP",
+    "name_size <= 0 || name == NULL",
+    "data == 0 || data_size <= 0",
+    "handle == NULL",
+    EndSeekRule::kNegative,
+    "YAXEncoder::AddYAXDataInFirstTimeFP",
+    "file Search error\n",
+    "File _writeDataTagInfo Error",
+    "file write error\n",
+    kFieldMessages};
+
+bool checkFirstTimeArgs(const NewEntry &e, const FirstTimeFlavour &f, uint32_t *block_length) {
+    if (e.userDataWithoutSubInfo()) {
+        YAXLogE(f.arg_tag, kUserDataMsg);
+        return false;
+    }
+    if (e.name == nullptr || e.name_length == 0) {
+        YAXLogE(f.arg_tag, f.name_msg);
+        return false;
+    }
+    if (e.data == nullptr || e.data_length == 0) {
+        YAXLogE(f.arg_tag, f.data_msg);
+        return false;
+    }
+    if (!e.blockLength(block_length)) {
+        YAXLogE(f.arg_tag, kTooBigMsg);
+        return false;
+    }
+    return true;
+}
+
+bool endSeekFailed(EndSeekRule rule, int64_t end) {
+    switch (rule) {
+        case EndSeekRule::kLow32Zero: return static_cast<uint32_t>(end) == 0;
+        case EndSeekRule::kNotPositive: return end <= 0;
+        case EndSeekRule::kNegative: return end < 0;
+    }
+    return true;
+}
+
+// After the block's leading fields, the payload and every header field are
+// tested for 0, the failure value of the buffer writers. On a file a failed
+// write reports -1 and so goes unnoticed there: only a failure of the leading
+// fields stops a first add on a file. Long-standing behaviour, kept.
+template <typename IO>
+int addFirst(const IO &io, const NewEntry &e, uint32_t block_length, const FirstTimeFlavour &f) {
+    const int64_t end = io.seek(0, SEEK_END);
+    if (endSeekFailed(f.end_rule, end)) {
+        YAXLogE(f.seek_tag, f.seek_msg, 0);
+        return 0;
+    }
+    const Checker<IO> check(io, f.io_tag, FailTest::kZero);
+    if (!check.succeeded(tagInfo(io, e.data_type, e.has_sub_info, e.name, e.name_length,
+                                 e.sub_info, e.sub_info_length),
+                         f.tag_info_msg))
+        return 0;
+    if (!check.wrote(io.write(e.data, e.data_length), f.payload_msg)) return 0;
+    return putHeader(io, check, f.fields, nullptr, e.metaType(), block_length) ? 1 : 0;
+}
+
+// ---- later adds: a trailer is present ----
+
+struct AppendFlavour {
+    const char *arg_tag;
+    const char *io_tag;
+    const char *info_msg;
+    const char *stream_msg;
+    const char *seek_msg;
+    const char *tag_info_msg;
+};
+
+constexpr const char *kAddNameMsg = "name_size <= 0 || name == NULL";
+constexpr const char *kAddDataMsg = "data == NULL || data_size <= 0";
+constexpr const char *kAddPayloadMsg = "file write error\n";
+
+constexpr AppendFlavour kAppendPath{"YAX::AddYAXData",        "YAXEncoder::AddYAXData",
+                                    "YAX_info == NULL",       "file open error",
+                                    "file search error = %d\n", "file _writeDataTagInfo error\n"};
+// "NUL" is how these two have always been spelt.
+constexpr AppendFlavour kAppendFP{"YAXEncoder::AddYAXDataFP", "YAXEncoder::AddYAXDataFP",
+                                  "YAX_info == NUL",          "fp == NUL",
+                                  "File Search Error ",       "File _writeDataTagInfo Error"};
+
+bool checkAppendArgs(const NewEntry &e, const YaxInfo *info, const AppendFlavour &f,
+                     uint32_t *block_length) {
+    const char *msg = nullptr;
+    if (e.userDataWithoutSubInfo())
+        msg = kUserDataMsg;
+    else if (e.name == nullptr || e.name_length == 0)
+        msg = kAddNameMsg;
+    else if (e.data == nullptr || e.data_length == 0)
+        msg = kAddDataMsg;
+    else if (info == nullptr || !tableUsable(info))
+        msg = f.info_msg;
+    else if (!e.blockLength(block_length))
+        msg = kTooBigMsg;
+    if (msg != nullptr) YAXLogE(f.arg_tag, msg);
+    return msg == nullptr;
+}
+
+// The new block over the old header, then the longer header and the tail.
+// The record keeps the shifted offsets but does not receive the new row.
+template <typename IO>
+bool appendAtHeader(const IO &io, const Checker<IO> &check, YaxInfo *info, const NewEntry &e,
+                    uint32_t block_length, const char *tag_info_msg) {
+    shiftRows(info, block_length);
+    return putBlock(io, check, e, tag_info_msg, kAddPayloadMsg) &&
+           putHeader(io, check, kFieldMessages, info, e.metaType(), block_length);
+}
+
+// The legacy record's count and first sound, or zeros when it has no table.
+void vonoWords(const VonoInfo *vono, uint32_t *start, uint32_t *end) {
+    *start = 0;
+    *end = 0;
+    if (vono->offsets != nullptr && vono->count != 0) {
+        *start = vono->offsets[0];
+        *end = vono->offsets[1];
+    }
+}
+
+template <typename IO>
+int addToTrailer(const IO &io, YaxInfo *info, const NewEntry &e, VonoInfo *vono) {
+    const AppendFlavour &f = kAppendFP;
+    uint32_t block_length = 0;
+    if (!checkAppendArgs(e, info, f, &block_length)) return 0;
+    if (!io.ok()) {
+        YAXLogE(f.arg_tag, f.stream_msg);
+        return 0;
+    }
+    if (headerPosition(io, info) < 0) {
+        YAXLogE(f.io_tag, f.seek_msg);
+        return 0;
+    }
+    const Checker<IO> check(io, f.io_tag, FailTest::kBackend);
+    if (!appendAtHeader(io, check, info, e, block_length, f.tag_info_msg)) return 0;
+    if (vono != nullptr) {
+        uint32_t start, end;
+        vonoWords(vono, &start, &end);
+        if (vonoHeader(io, start, end) == 0) {
+            YAXLogE(f.io_tag, "file _writeVonoHeader error\n");
+            return 0;
+        }
+    }
+    return 1;
+}
+
+// The path flavour writes the legacy header itself from the record: "VONO",
+// 105, the record's count and first sound, 20, "VONOBS".
+bool putVonoFromRecord(const FileIO &io, const VonoInfo *vono) {
+    uint32_t start, end;
+    vonoWords(vono, &start, &end);
+    const Checker<FileIO> check(io, kAppendPath.io_tag, FailTest::kBackend);
+    const char *msg = "file _qfwriteInt32 error\n";
+    if (!check.wrote(io.write(kVonoHead, sizeof kVonoHead), msg)) return false;
+    for (uint32_t w : {kVersion, vono->count, start, end, kVonoOneSoundHeaderSize}) {
+        if (!check.wrote(io.write32(w), msg)) return false;
+    }
+    return check.wrote(io.write(kVonoTail, sizeof kVonoTail), msg);
+}
+
+int addToTrailerByPath(const char *path, YaxInfo *info, const NewEntry &e, VonoInfo *vono) {
+    const AppendFlavour &f = kAppendPath;
+    uint32_t block_length = 0;
+    if (!checkAppendArgs(e, info, f, &block_length)) return 0;
+
+    // The header's place, found on the record's stream; that stream is then
+    // closed and the file reopened for writing.
+    int64_t header_pos = -1;
+    if (info->fp != nullptr) {
+        header_pos = headerPosition(FileIO{info->fp}, info);
+        if (header_pos < 0) {
+            YAXLogE(f.io_tag, f.seek_msg, static_cast<int>(header_pos));
+            return 0;
+        }
+        _qfclose(info->fp);
+        info->fp = nullptr;
+    }
+    FILE *fp = path != nullptr ? _qfopen(path, "r+b") : nullptr;
+    if (fp == nullptr) {
+        YAXLogE(f.io_tag, f.stream_msg);
+        return 0;
+    }
+    const FileIO io{fp};
+    int64_t pos = header_pos >= 0 ? io.seek(header_pos, SEEK_SET) : headerPosition(io, info);
+    if (pos < 0) {
+        YAXLogE(f.io_tag, "file Search error\n");
+        _qfclose(fp);
+        return 0;
+    }
+    const Checker<FileIO> check(io, f.io_tag, FailTest::kBackend);
+    bool ok = appendAtHeader(io, check, info, e, block_length, f.tag_info_msg);
+    if (ok && vono != nullptr) ok = putVonoFromRecord(io, vono);
+    if (vono != nullptr && vono->fp != nullptr) {
+        // the record's stream still shows the file as it was
+        _qfclose(vono->fp);
+        vono->fp = nullptr;
+    }
+    _qfclose(fp);
+    return ok ? 1 : 0;
+}
+
+// ---- fast add ----
+
+int fastAdd(YaxInfo *info, const NewEntry &e, int reuse_first) {
+    if (e.userDataWithoutSubInfo()) {
+        // logged under the first add's tag, as it always has been
+        YAXLogE("YAX::AddYAXDataInFirstTime", kUserDataMsg);
+        return 0;
+    }
+    uint32_t block_length = 0;
+    if (e.name == nullptr || e.name_length == 0 || info == nullptr || info->fp == nullptr ||
+        e.data == nullptr || e.data_length == 0 || !tableUsable(info) ||
+        !e.blockLength(&block_length))
+        return 0;
+
+    const FileIO io{info->fp};
+    const int64_t header_pos = headerPosition(io, info);
+    if (header_pos < 0) return 0;
+
+    const bool has_first = info->meta_count != 0;
+    const uint32_t first_length = reuse_first && has_first ? info->meta_data[0]->length : 0;
+    const uint32_t spare = first_length - block_length;  // D; wraps when the block is bigger
+    const Checker<FileIO> unchecked(io, nullptr, FailTest::kNone);
+
+    if (has_first && (spare == 0 || uint64_t{block_length} + kFillerBlockHead < first_length)) {
+        const YaxEntry &first = *info->meta_data[0];
+        const int64_t first_pos =
+            info->file_size - (int64_t{info->header_offset} + int64_t{first.offset});
+        if (first_pos < 0 || io.seek(first_pos, SEEK_SET) < 0) return 0;
+        if (spare == 0) {
+            // exactly entry 0's size: its place, and its row retyped
+            putBlock(io, unchecked, e, nullptr, nullptr);
+            io.seek(header_pos, SEEK_SET);
+            writeDummyYAXHeader(info, e.data_type, e.has_sub_info);
+        } else {
+            // a smaller filler first, the new block ending where entry 0 ended
+            const uint32_t first_offset = first.offset;
+            writeDummyYAXData(info->fp, spare);
+            putBlock(io, unchecked, e, nullptr, nullptr);
+            io.seek(header_pos, SEEK_SET);
+            writeYAXHeader(info, info->meta_count + 1, 1, first_offset, spare,
+                           first_offset - spare, block_length, e.data_type, e.has_sub_info);
+        }
+        return 1;
+    }
+    appendAtHeader(io, unchecked, info, e, block_length, nullptr);
+    return 1;
+}
+
+// ---- direct adds: the caller formatted the block ----
+
+constexpr const char *kDirectDataMsg = "data == VELTA_YAX_NULL || data_size <= 0";
+
+bool directArgsOk(const char *tag, uint32_t data_type, uint32_t has_sub_info, const void *block,
+                  uint32_t block_length) {
+    const char *msg = nullptr;
+    if (data_type == YAX_USER_DEFINED_DATA && has_sub_info == 0)
+        msg = kUserDataMsg;
+    else if (block == nullptr || block_length == 0)
+        msg = kDirectDataMsg;
+    if (msg != nullptr) YAXLogE(tag, msg);
+    return msg == nullptr;
+}
+
+void putOneRowHeader(const FileIO &io, uint32_t meta_type, uint32_t block_length) {
+    const Checker<FileIO> unchecked(io, nullptr, FailTest::kNone);
+    YaxInfo none{};
+    putHeader(io, unchecked, kFieldMessages, &none, meta_type, block_length);
+}
+
+}  // namespace
+}  // namespace yax
+
+using yax::BufIO;
+using yax::FileIO;
+using yax::NewEntry;
+
+extern "C" {
+
+YAX_EXPORT int AddYAXDataInFirstTime(const char *path, const char *name, uint32_t name_length,
+                                     uint32_t data_type, const void *sub_info,
+                                     uint32_t sub_info_length, const void *data,
+                                     uint32_t data_length) {
+    const NewEntry e(data_type, name, name_length, sub_info, sub_info_length, data, data_length);
+    const yax::FirstTimeFlavour &f = yax::kFirstPath;
+    uint32_t block_length = 0;
+    if (!yax::checkFirstTimeArgs(e, f, &block_length)) return 0;
+    FILE *fp = path != nullptr ? _qfopen(path, "r+b") : nullptr;
+    if (fp == nullptr) {
+        YAXLogE(f.io_tag, f.stream_msg);
+        return 0;
+    }
+    int r = yax::addFirst(FileIO{fp}, e, block_length, f);
+    _qfclose(fp);
+    return r;
+}
+
+YAX_EXPORT int AddYAXDataInFirstTimeFP(FILE *fp, const char *name, uint32_t name_length,
+                                       uint32_t data_type, const void *sub_info,
+                                       uint32_t sub_info_length, const void *data,
+                                       uint32_t data_length) {
+    const NewEntry e(data_type, name, name_length, sub_info, sub_info_length, data, data_length);
+    const yax::FirstTimeFlavour &f = yax::kFirstFP;
+    uint32_t block_length = 0;
+    if (!yax::checkFirstTimeArgs(e, f, &block_length)) return 0;
+    if (fp == nullptr) {
+        YAXLogE(f.arg_tag, f.stream_msg);
+        return 0;
+    }
+    return yax::addFirst(FileIO{fp}, e, block_length, f);
+}
+
+YAX_EXPORT int AddYAXDataInFirstTimeBuffer(YAXBUFFER *handle, const char *name,
+                                           uint32_t name_length, uint32_t data_type,
+                                           const void *sub_info, uint32_t sub_info_length,
+                                           const void *data, uint32_t data_length) {
+    const NewEntry e(data_type, name, name_length, sub_info, sub_info_length, data, data_length);
+    const yax::FirstTimeFlavour &f = yax::kFirstBuffer;
+    uint32_t block_length = 0;
+    if (!yax::checkFirstTimeArgs(e, f, &block_length)) return 0;
+    if (handle == nullptr) {
+        YAXLogE(f.arg_tag, f.stream_msg);
+        return 0;
+    }
+    return yax::addFirst(BufIO{handle}, e, block_length, f);
+}
+
+YAX_EXPORT int AddYAXData(const char *path, YaxInfo *info, const char *name, uint32_t name_length,
+                          uint32_t data_type, const void *sub_info, uint32_t sub_info_length,
+                          const void *data, uint32_t data_length, VonoInfo *vono) {
+    const NewEntry e(data_type, name, name_length, sub_info, sub_info_length, data, data_length);
+    return yax::addToTrailerByPath(path, info, e, vono);
+}
+
+YAX_EXPORT int AddYAXDataFP(FILE *fp, YaxInfo *info, const char *name, uint32_t name_length,
+                            uint32_t data_type, const void *sub_info, uint32_t sub_info_length,
+                            const void *data, uint32_t data_length, VonoInfo *vono) {
+    const NewEntry e(data_type, name, name_length, sub_info, sub_info_length, data, data_length);
+    return yax::addToTrailer(FileIO{fp}, info, e, vono);
+}
+
+YAX_EXPORT int AddYAXDataBuffer(YAXBUFFER *handle, YaxInfo *info, const char *name,
+                                uint32_t name_length, uint32_t data_type, const void *sub_info,
+                                uint32_t sub_info_length, const void *data, uint32_t data_length,
+                                VonoInfo *vono) {
+    const NewEntry e(data_type, name, name_length, sub_info, sub_info_length, data, data_length);
+    return yax::addToTrailer(BufIO{handle}, info, e, vono);
+}
+
+YAX_EXPORT int AddDirectYAXDataInFirstTimeFP(FILE *fp, uint32_t data_type, uint32_t has_sub_info,
+                                             const void *block, uint32_t block_length) {
+    constexpr const char *tag = "YAXEncoder::AddDirectYAXDataInFirstTimeFP";
+    if (!yax::directArgsOk(tag, data_type, has_sub_info, block, block_length)) return 0;
+    if (fp == nullptr) {
+        YAXLogE(tag, "fp == VELTA_YAX_NULL");
+        return 0;
+    }
+    const FileIO io{fp};
+    if (io.seek(0, SEEK_END) < 0) {
+        YAXLogE(tag, "File Search Error");
+        return 0;
+    }
+    io.write(block, block_length);
+    yax::putOneRowHeader(io, yax::layout::metaType(data_type, has_sub_info), block_length);
+    return 1;
+}
+
+YAX_EXPORT int AddDirectYAXDataFP(FILE *fp, YaxInfo *info, uint32_t data_type,
+                                  uint32_t has_sub_info, const void *block, uint32_t block_length,
+                                  VonoInfo *vono) {
+    constexpr const char *tag = "YAX::AddDirectYAXDataFP";
+    if (!yax::directArgsOk(tag, data_type, has_sub_info, block, block_length)) return 0;
+    if (info == nullptr || !yax::tableUsable(info)) {
+        YAXLogE(tag, "YAX_info == VELTA_YAX_NULL");
+        return 0;
+    }
+    if (fp == nullptr) {
+        YAXLogE(tag, "fp == VELTA_YAX_NULL");
+        return 0;
+    }
+    const FileIO io{fp};
+    if (yax::headerPosition(io, info) < 0) {
+        YAXLogE(tag, "File Search Error");
+        return 0;
+    }
+    const yax::Checker<FileIO> unchecked(io, nullptr, yax::FailTest::kNone);
+    yax::shiftRows(info, block_length);
+    io.write(block, block_length);
+    yax::putHeader(io, unchecked, yax::kFieldMessages, info,
+                   yax::layout::metaType(data_type, has_sub_info), block_length);
+    if (vono != nullptr) {
+        uint32_t start, end;
+        yax::vonoWords(vono, &start, &end);
+        _writeVonoHeader(fp, start, end);
+    }
+    return 1;
+}
+
+YAX_EXPORT int saveFirstYAXTailToFP(FILE *fp, uint32_t block_length, uint32_t data_type,
+                                    uint32_t has_sub_info) {
+    if (fp == nullptr) return 0;
+    const FileIO io{fp};
+    io.seek(0, SEEK_END);
+    yax::putOneRowHeader(io, yax::layout::metaType(data_type, has_sub_info), block_length);
+    return 1;
+}
+
+YAX_EXPORT int FastAddYAXData(YaxInfo *info, const char *name, uint32_t name_length,
+                              uint32_t data_type, const void *sub_info, uint32_t sub_info_length,
+                              const void *data, uint32_t data_length, int reuse_first) {
+    const NewEntry e(data_type, name, name_length, sub_info, sub_info_length, data, data_length);
+    return yax::fastAdd(info, e, reuse_first);
+}
+
+// The trailer after the add (everything from the first block to the end of
+// the file, plus the new block's fields) must stay within 4 GiB less 1 MiB.
+YAX_EXPORT int checkYAXInfoForSaving(YaxInfo *info, uint32_t data_length,
+                                     uint32_t sub_info_length, uint32_t name_length) {
+    constexpr const char *tag = "checkYAXInfoForSaving";
+    if (info == nullptr) {
+        YAXLogE(tag, "yax info null");
+        return 0;
+    }
+    uint64_t first_offset = 0;
+    if (info->meta_count != 0 && info->meta_data != nullptr && info->meta_data[0] != nullptr)
+        first_offset = info->meta_data[0]->offset;
+    const uint64_t total = uint64_t{name_length} + sub_info_length + data_length +
+                           info->header_offset + first_offset + 16;
+    if (total < yax::layout::kSizeLimit) return 1;
+    YAXLogE(tag, "There is no storage for saving YAX data in the source file, delete a yax data");
+    return 0;
+}
+
+// "<path without extension>NNN.tmp" for the first NNN from 000 that names no
+// file; the search stops at 998, which is returned even when it exists.
+YAX_EXPORT char *_getTempFileName(const char *path) {
+    constexpr int kLastTry = 998;
+    constexpr size_t kSuffix = 8;  // three digits, ".tmp", NUL
+    const int index = getExtIndex(path);
+    if (index <= 0) return nullptr;
+    const size_t stem = static_cast<size_t>(index);
+    auto *name = static_cast<char *>(_qmalloc(stem + kSuffix));
+    if (name == nullptr) return nullptr;
+    std::memcpy(name, path, stem);
+    for (int n = 0;; ++n) {
+        char *digits = name + stem;
+        digits[0] = static_cast<char>('0' + n / 100);
+        digits[1] = static_cast<char>('0' + n / 10 % 10);
+        digits[2] = static_cast<char>('0' + n % 10);
+        std::memcpy(digits + 3, ".tmp", 5);
+        if (access(name, F_OK) != 0 || n == kLastTry) break;
+    }
+    return name;
+}
+
+}  // extern "C"
