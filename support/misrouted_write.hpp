@@ -12,4 +12,7 @@ namespace yax {
 // writer's failure result, -1. Nothing reaches any stream.
 int fileWriteOnBuffer(uint32_t n);
 
+// The same report for a write through a stream that was already closed.
+inline int fileWriteOnClosedStream(uint32_t n) { return fileWriteOnBuffer(n); }
+
 }  // namespace yax
