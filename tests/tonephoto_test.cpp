@@ -406,3 +406,157 @@ TEST_F(ToneListEdit, ListsClaimingMoreThanTheyHoldAreRefused) {
         info = nullptr;
     }
 }
+
+// ---- the name-list readers on query records ----
+
+class ToneReaders : public ::testing::Test {
+protected:
+    tu::TempDir dir;
+    std::string path = dir.path("photo.jpg");
+    YAXDATA *yd = nullptr;
+
+    // A trailer with two sounds and `listBytes` as the list payload, behind an image.
+    void make(const Bytes &listBytes, bool withList = true) {
+        std::vector<tb::Entry> entries = {sound("a", "AAAA"), sound("rain", "RRRRRR")};
+        if (withList) {
+            const std::string p(listBytes.begin(), listBytes.end());
+            entries.push_back(tb::Entry{2048, kMeta, p, ""});
+        }
+        tu::writeFile(path, tb::fakeImage(256) + tb::trailer(entries));
+        yd = checkYAXInFile(path.c_str());
+        ASSERT_NE(yd, nullptr);
+    }
+    YAXDATA_UNIT *listUnit() {
+        return extractYAXDataFromFilebyName(yd, kMeta.c_str(), static_cast<uint32_t>(kMeta.size()));
+    }
+    void TearDown() override { destroyYAXDATA(yd); }
+};
+
+TEST_F(ToneReaders, WellFormedListIsReadEveryWay) {
+    make(tb::toneList({"a", "rain"}));
+    // the check function filled the record's list already
+    ASSERT_EQ(yd->tonephoto_count, 2u);
+    ASSERT_NE(yd->tonephoto_name_list, nullptr);
+    EXPECT_STREQ(yd->tonephoto_name_list[0], "a");
+    EXPECT_STREQ(yd->tonephoto_name_list[1], "rain");
+    // a second lookup replaces the list in place
+    EXPECT_EQ(getTonePhotoInFile(yd), 1);
+    EXPECT_EQ(yd->tonephoto_count, 2u);
+
+    char **names = nullptr;
+    uint32_t count = 0;
+    EXPECT_EQ(getTonePhotoNameList(yd, &names, &count), 1);
+    ASSERT_EQ(count, 2u);
+    EXPECT_STREQ(names[0], "a");
+    EXPECT_STREQ(names[1], "rain");
+    for (uint32_t i = 0; i < count; ++i) _qfree(names[i]);
+    _qfree(names);
+
+    EXPECT_EQ(getVonoCntInFile(yd), 2);
+    EXPECT_EQ(isVonoMetaInfo(yd), 1);
+
+    YAXDATA_UNIT *meta = listUnit();
+    ASSERT_NE(meta, nullptr);
+    char *name = nullptr;
+    EXPECT_EQ(getTonePhotoNameByIndex(meta, &name, 1), 1);
+    EXPECT_STREQ(name, "rain");
+    _qfree(name);
+    EXPECT_EQ(getTonePhotoNameByIndex(meta, &name, 2), 0);
+    EXPECT_EQ(name, nullptr);
+    EXPECT_EQ(isIdenticalNameInMetaInfo(meta, "rain"), 1);
+    EXPECT_EQ(isIdenticalNameInMetaInfo(meta, "Rain"), 0);  // case counts
+    EXPECT_EQ(isIdenticalNameInMetaInfo(meta, "rai"), 0);
+    EXPECT_EQ(isIdenticalNameInMetaInfo(nullptr, "rain"), 0);
+    destroyYAXDATA_UNIT(meta);
+
+    // the sound's payload position: image, block "a" (8 + 1 + 4), then 8 + 4 name bytes
+    YAXOFFSET *off = getVonoInFile(yd, "rain");
+    ASSERT_NE(off, nullptr);
+    EXPECT_EQ(off->offset, 256u + 13u + 12u);
+    EXPECT_EQ(off->length, 6u);
+    destroyYAXOFFSET(off);
+    EXPECT_EQ(getVonoInFile(nullptr, "rain"), nullptr);
+}
+
+TEST_F(ToneReaders, FileWithoutListHasNone) {
+    make({}, false);
+    EXPECT_EQ(yd->tonephoto_count, 0u);
+    EXPECT_EQ(yd->tonephoto_name_list, nullptr);
+    EXPECT_EQ(getTonePhotoInFile(yd), -1);
+    char **names = reinterpret_cast<char **>(&yd);  // must be overwritten
+    uint32_t count = 9;
+    EXPECT_EQ(getTonePhotoNameList(yd, &names, &count), 0);
+    EXPECT_EQ(names, nullptr);
+    EXPECT_EQ(count, 0u);
+    EXPECT_EQ(getVonoCntInFile(yd), -1);
+    EXPECT_EQ(isVonoMetaInfo(yd), 0);
+    EXPECT_EQ(getTonePhotoInFile(nullptr), -1);
+    EXPECT_EQ(getVonoCntInFile(nullptr), -1);
+}
+
+TEST_F(ToneReaders, EmptyListGivesZero) {
+    make(tb::toneList({}));
+    EXPECT_EQ(getTonePhotoInFile(yd), 0);
+    EXPECT_EQ(yd->tonephoto_count, 0u);
+    EXPECT_EQ(yd->tonephoto_name_list, nullptr);
+    EXPECT_EQ(getVonoCntInFile(yd), 0);
+    EXPECT_EQ(isVonoMetaInfo(yd), 1);
+    YAXDATA_UNIT *meta = listUnit();
+    EXPECT_EQ(isIdenticalNameInMetaInfo(meta, ""), 0);
+    destroyYAXDATA_UNIT(meta);
+}
+
+TEST_F(ToneReaders, MalformedListsReadAsHoldingNoNames) {
+    const std::vector<Bytes> bad = {
+        tb::Builder().u32(1).u32(0).u32(0x40000001u).u32(4).str("rain").done(),  // count
+        tb::Builder().u32(1).u32(0).u32(1).u32(5).str("rain").done(),            // length
+        tb::Builder().u32(1).u32(0).u32(2).u32(4).u32(0xFFFFFFFDu).str("rain").done(),
+        tb::Builder().u32(1).u32(0).done(),  // shorter than its count field
+    };
+    for (size_t i = 0; i < bad.size(); ++i) {
+        SCOPED_TRACE(i);
+        make(bad[i]);
+        EXPECT_EQ(yd->tonephoto_count, 0u);
+        EXPECT_EQ(yd->tonephoto_name_list, nullptr);
+        EXPECT_EQ(getTonePhotoInFile(yd), 0);
+        EXPECT_EQ(getVonoCntInFile(yd), 0);
+        char **names = nullptr;
+        uint32_t count = 7;
+        EXPECT_EQ(getTonePhotoNameList(yd, &names, &count), 0);
+        EXPECT_EQ(count, 0u);
+        YAXDATA_UNIT *meta = listUnit();
+        ASSERT_NE(meta, nullptr);
+        char *name = nullptr;
+        EXPECT_EQ(getTonePhotoNameByIndex(meta, &name, 0), 0);
+        EXPECT_EQ(isIdenticalNameInMetaInfo(meta, "rain"), 0);
+        destroyYAXDATA_UNIT(meta);
+        destroyYAXDATA(yd);
+        yd = nullptr;
+    }
+}
+
+TEST_F(ToneReaders, NameWithZeroByteIsCutForComparison) {
+    make(tb::toneList({std::string("ra\0in", 5)}));
+    YAXDATA_UNIT *meta = listUnit();
+    ASSERT_NE(meta, nullptr);
+    EXPECT_EQ(isIdenticalNameInMetaInfo(meta, "ra"), 1);
+    EXPECT_EQ(isIdenticalNameInMetaInfo(meta, "rain"), 0);
+    destroyYAXDATA_UNIT(meta);
+}
+
+TEST_F(ToneReaders, AddedListBesideAnOlderOneIsNotTheOneFound) {
+    make(tb::toneList({"a"}));
+    const Bytes newer = tb::toneList({"a", "rain", "snow"});
+    const std::string s = "SNOW";
+    EXPECT_EQ(NewAddVonoData(yd->yax_info, 2048, 256, "snow", 4, s.data(), 4, newer.data(),
+                             size32(newer)),
+              1);
+    destroyYAXDATA(yd);
+    yd = checkYAXInFile(path.c_str());
+    ASSERT_NE(yd, nullptr);
+    EXPECT_EQ(yd->count, 5u);
+    // the name search finds the older list first
+    ASSERT_EQ(yd->tonephoto_count, 1u);
+    EXPECT_STREQ(yd->tonephoto_name_list[0], "a");
+    EXPECT_EQ(getVonoCntInFile(yd), 1);
+}
