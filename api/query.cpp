@@ -7,6 +7,7 @@
 #include "yax_api.h"
 #include "yax_container.h"
 #include "yax_support.h"
+#include "yax_vono.h"
 
 namespace yax {
 namespace {
@@ -154,6 +155,7 @@ YAX_EXPORT YAXDATA *checkYAXInFP(FILE *fp) {
     // From here on the record owns the names read into the rows.
     for (uint32_t i = 0; i < info->meta_count; ++i) names[i] = info->meta_data[i]->name;
     record->YAX_name_list = names;
+    getTonePhotoInFile(record);
     record->filename = nullptr;
     record->filename_size = 0;
     return record;
