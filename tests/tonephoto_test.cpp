@@ -560,3 +560,94 @@ TEST_F(ToneReaders, AddedListBesideAnOlderOneIsNotTheOneFound) {
     EXPECT_STREQ(yd->tonephoto_name_list[0], "a");
     EXPECT_EQ(getVonoCntInFile(yd), 1);
 }
+
+// ---- conversion of a legacy file ----
+
+namespace {
+
+Bytes sampleJpeg() { return tu::readFile(std::string(YAX_TEST_DATA) + "/sample.jpg"); }
+
+bool decodes(const std::string &path) {
+    const std::string cmd = "/usr/bin/djpeg -outfile /dev/null '" + path + "' 2>/dev/null";
+    return std::system(cmd.c_str()) == 0;
+}
+
+}  // namespace
+
+class ToneConvert : public ::testing::Test {
+protected:
+    tu::TempDir dir;
+    std::string path = dir.path("photo.jpg");
+    const Bytes jpeg = sampleJpeg();
+    const std::string snd = std::string("legacy\0sound\xff\x01 bytes", 21);
+
+    uint32_t p() const { return size32(jpeg); }
+    uint32_t s() const { return static_cast<uint32_t>(snd.size()); }
+    Bytes legacy() const { return jpeg + tb::bytes(snd) + oneSoundVono(p(), p() + s()); }
+};
+
+TEST_F(ToneConvert, LegacyFileBecomesSoundAndListEntries) {
+    ASSERT_GT(jpeg.size(), 100u);
+    tu::writeFile(path, legacy());
+    VonoInfo *vono = _checkAudioInImageFile(path.c_str());
+    ASSERT_NE(vono, nullptr);
+    EXPECT_EQ(convertVonoToTonePhoto(&vono, path.c_str()), 1);
+    DestroyVono(vono);
+
+    const Bytes want = jpeg +
+                       tb::block(sound("TonePhoto_000", snd)) +  // 8 + 13 + S
+                       tb::block(list({"TonePhoto_000"})) +      // 8 + 19 + 29
+                       tb::header(tb::rowsFor({sound("TonePhoto_000", snd),
+                                               list({"TonePhoto_000"})})) +
+                       oneSoundVono(p() + 21, p() + 21 + s());
+    ASSERT_EQ(tb::blockLength(list({"TonePhoto_000"})), 8u + 19u + 29u);
+    EXPECT_EQ(tu::readFile(path), want);
+    EXPECT_EQ(dir.list(), std::vector<std::string>{"photo.jpg"});  // no temporary file left
+    EXPECT_TRUE(decodes(path));
+
+    // and it reads back as a TonePhoto file
+    YAXDATA *yd = checkYAXInFile(path.c_str());
+    ASSERT_NE(yd, nullptr);
+    ASSERT_EQ(yd->tonephoto_count, 1u);
+    EXPECT_STREQ(yd->tonephoto_name_list[0], "TonePhoto_000");
+    YAXOFFSET *off = getVonoInFile(yd, "TonePhoto_000");
+    ASSERT_NE(off, nullptr);
+    EXPECT_EQ(off->offset, p() + 21);
+    EXPECT_EQ(off->length, s());
+    destroyYAXOFFSET(off);
+    destroyYAXDATA(yd);
+}
+
+TEST_F(ToneConvert, RefusedWithoutARecordOrASound) {
+    EXPECT_EQ(convertVonoToTonePhoto(nullptr, path.c_str()), 0);
+    VonoInfo *none = nullptr;
+    EXPECT_EQ(convertVonoToTonePhoto(&none, path.c_str()), 0);
+    EXPECT_EQ(_convertVonoToTonePhoto(&none), 0);
+
+    // a record whose first sound fails the range test: the file is not touched
+    const Bytes bad = jpeg + tb::bytes(snd) + oneSoundVono(p(), p());
+    tu::writeFile(path, bad);
+    VonoInfo *vono = _checkAudioInImageFile(path.c_str());
+    ASSERT_NE(vono, nullptr);
+    EXPECT_EQ(convertVonoToTonePhoto(&vono, path.c_str()), 0);
+    DestroyVono(vono);
+    EXPECT_EQ(tu::readFile(path), bad);
+}
+
+TEST_F(ToneConvert, StreamConversionOverwritesTheLegacyBlockInPlace) {
+    tu::writeFile(path, legacy());
+    FILE *fp = _qfopen(path.c_str(), "r+b");
+    ASSERT_NE(fp, nullptr);
+    VonoInfo *vono = _checkAudioInImageFP(fp);
+    ASSERT_NE(vono, nullptr);
+    EXPECT_EQ(_convertVonoToTonePhoto(&vono), 1);
+    DestroyVonoFP(vono);
+    _qfclose(fp);
+    // the same file as the path flavour makes, without a temporary file
+    const Bytes want = jpeg +
+                       tb::trailer({sound("TonePhoto_000", snd), list({"TonePhoto_000"})}) +
+                       oneSoundVono(p() + 21, p() + 21 + s());
+    EXPECT_EQ(tu::readFile(path), want);
+    EXPECT_EQ(dir.list(), std::vector<std::string>{"photo.jpg"});
+    EXPECT_TRUE(decodes(path));
+}

@@ -417,4 +417,51 @@ YAX_EXPORT int NewAddVonoData(YaxInfo *info, uint32_t meta_type, uint32_t sound_
     return 1;
 }
 
+YAX_EXPORT int convertVonoToTonePhoto(VonoInfo **pinfo, const char *path) {
+    if (pinfo == nullptr || *pinfo == nullptr) return 0;
+    VonoInfo *vono = *pinfo;
+    // Nothing is touched unless the sound has been read and the list buffer
+    // exists: the legacy block is dropped only when both can be written back.
+    unsigned char *sound = _getAudioStreamBuffer(vono);
+    if (sound == nullptr) return 0;
+    const uint32_t length = vono->offsets[1] - vono->offsets[0];
+    auto *list = static_cast<unsigned char *>(_qmalloc(kFirstListBuffer));
+    if (list == nullptr) {
+        _qfree(sound);
+        return 0;
+    }
+
+    deleteVono_NotExistYAX(path, vono);
+    const uint32_t list_len = makeFirstVonoHeader(list, kFirstSoundName, kFirstSoundNameLength);
+    const int result = NewAddVonoDataInFirstTime(path, L::kToneMetaType, L::kToneSoundType,
+                                                 kFirstSoundName, kFirstSoundNameLength, sound,
+                                                 length, list, list_len);
+    _qfree(list);
+    // The sound copy is deliberately not released here.
+    return result;
+}
+
+YAX_EXPORT int _convertVonoToTonePhoto(VonoInfo **pinfo) {
+    if (pinfo == nullptr || *pinfo == nullptr || (*pinfo)->fp == nullptr) return 0;
+    VonoInfo *vono = *pinfo;
+    unsigned char *sound = _getAudioStreamBuffer(vono);
+    if (sound == nullptr) return 0;
+    const uint32_t length = vono->offsets[1] - vono->offsets[0];
+
+    int result = 0;
+    auto *list = static_cast<unsigned char *>(_qmalloc(kFirstListBuffer));
+    // Dropping the legacy block leaves the stream at the old sound's start;
+    // the add writes the sound and list entries from there.
+    if (list != nullptr && deleteVono_NotExistYAX_FP(vono->fp, vono) == 1) {
+        const uint32_t list_len =
+            makeFirstVonoHeader(list, kFirstSoundName, kFirstSoundNameLength);
+        result = NewAddVonoDataInFirstTimeFP(vono->fp, L::kToneMetaType, L::kToneSoundType,
+                                             kFirstSoundName, kFirstSoundNameLength, sound,
+                                             length, list, list_len);
+    }
+    _qfree(list);
+    _qfree(sound);
+    return result;
+}
+
 }  // extern "C"
