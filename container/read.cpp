@@ -186,7 +186,8 @@ int subInfoOffset(YaxInfo *info, uint32_t index, int64_t *position, int64_t *len
                         static_cast<int64_t>(info->header_offset) - entry->offset +
                         entry->name_length;
     const int64_t len = entry->sub_info_length;
-    if (len == 0 || pos + len > info->file_size) return fail(position, length);
+    // A row offset reaching before the start of the file locates nothing.
+    if (len == 0 || pos < 0 || pos + len > info->file_size) return fail(position, length);
     if (position) *position = pos;
     if (length) *length = len;
     return 1;
@@ -205,7 +206,7 @@ int payloadOffset(YaxInfo *info, uint32_t index, int64_t *position, int64_t *len
     const int64_t pos = info->file_size - static_cast<int64_t>(info->header_offset) -
                         entry->offset + head;
     const int64_t len = static_cast<int64_t>(entry->length) - head;
-    if (len < 1 || pos + len > info->file_size) return fail(position, length);
+    if (len < 1 || pos < 0 || pos + len > info->file_size) return fail(position, length);
     if (position) *position = pos;
     if (length) *length = len;
     return 1;

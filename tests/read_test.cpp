@@ -275,6 +275,21 @@ TEST_P(Both, LocatedRangesMustStayInsideTheFile) {
     EXPECT_EQ(tu::capture([&] { EXPECT_EQ(readDataOfIndex(o.info, 1, nullptr, &sub), 0); }),
               readErr("SubData readDataOfIndexOffset Fail"));
     EXPECT_EQ(sub, nullptr);
+
+    // A block said to start before the file: nothing is located, and the
+    // length in the row never sizes a copy.
+    ASSERT_EQ(readDataOfIndexOffset(o.info, 0, &pos, &len), 1);  // names read
+    YaxEntry *e = o.info->meta_data[0];
+    e->offset += kHost + 8;
+    e->length = 0x7FFFFFFF;
+    pos = len = -1;
+    EXPECT_EQ(readDataOfIndexOffset(o.info, 0, &pos, &len), 0);
+    EXPECT_EQ(pos, 0);
+    EXPECT_EQ(len, 0);
+    unsigned char *data = nullptr;
+    EXPECT_EQ(tu::capture([&] { EXPECT_EQ(readDataOfIndex(o.info, 0, &data, nullptr), 0); }),
+              readErr("Data readDataOfIndexOffset Fail"));
+    EXPECT_EQ(data, nullptr);
 }
 
 INSTANTIATE_TEST_SUITE_P(Flavours, Both, ::testing::Values(false, true),
