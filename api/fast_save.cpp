@@ -94,7 +94,7 @@ YAX_EXPORT int saveFastYAXDataToFile(const char *path, const char *name, uint32_
                                      const void *data, uint32_t data_length, uint32_t data_type,
                                      int option) {
     using namespace yax;
-    FILE *fp = _qfopen(path, "r+b");
+    FILE *fp = path != nullptr ? _qfopen(path, "r+b") : nullptr;
     if (fp == nullptr) return 0;
     if (data_length >= layout::kSizeLimit) {
         YAXLogE(kPathTag, kTooBig);
