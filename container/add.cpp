@@ -501,8 +501,7 @@ bool directArgsOk(const char *tag, uint32_t data_type, uint32_t has_sub_info, co
 
 void putOneRowHeader(const FileIO &io, uint32_t meta_type, uint32_t block_length) {
     const Checker<FileIO> unchecked(io, nullptr, FailTest::kNone);
-    YaxInfo none{};
-    putHeader(io, unchecked, kFieldMessages, &none, meta_type, block_length);
+    putHeader(io, unchecked, kFieldMessages, nullptr, meta_type, block_length);
 }
 
 }  // namespace

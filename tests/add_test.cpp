@@ -115,6 +115,19 @@ private:
     void (*old_handler_)(int) = nullptr;
 };
 
+// Each call is refused with 0 and exactly its one console line.
+struct Refusal {
+    std::function<int()> call;
+    std::string line;
+};
+void expectRefusals(const std::vector<Refusal> &cases) {
+    for (size_t i = 0; i < cases.size(); ++i) {
+        int r = -1;
+        EXPECT_EQ(tu::capture([&] { r = cases[i].call(); }), cases[i].line) << "case " << i;
+        EXPECT_EQ(r, 0) << "case " << i;
+    }
+}
+
 }  // namespace
 
 // ---- first adds ----
@@ -147,19 +160,12 @@ TEST(FirstAdd, PathFpAndBufferWriteTheSameBlockAndOneRowHeader) {
               want);
     EXPECT_EQ(r, 1);
 
-    // a sub-information pointer with length 0 is no sub-information
-    const Entry plain{7, "caption", "hello world", ""};
-    EXPECT_EQ(onFile(kImage,
-                     [&](FILE *fp) {
-                         AddYAXDataInFirstTimeFP(fp, "caption", 7, 7, "meta", 0, "hello world", 11);
-                     }),
-              kImage + tb::trailer({plain}));
-    // a length without bytes neither
-    EXPECT_EQ(onFile(kImage,
-                     [&](FILE *fp) {
-                         AddYAXDataInFirstTimeFP(fp, "caption", 7, 7, nullptr, 9, "hello world", 11);
-                     }),
-              kImage + tb::trailer({plain}));
+    // sub-information needs both bytes and a length
+    const Bytes plain = kImage + tb::trailer({Entry{7, "caption", "hello world", ""}});
+    EXPECT_EQ(onFile(kImage, [](FILE *fp) { AddYAXDataInFirstTimeFP(fp, "caption", 7, 7, "meta", 0, "hello world", 11); }),
+              plain);
+    EXPECT_EQ(onFile(kImage, [](FILE *fp) { AddYAXDataInFirstTimeFP(fp, "caption", 7, 7, nullptr, 9, "hello world", 11); }),
+              plain);
 }
 
 TEST(FirstAdd, EmptyFileIsRefusedButAnEmptyBufferIsNot) {
@@ -199,47 +205,27 @@ TEST(FirstAdd, RefusalsLogUnderEachFlavoursTags) {
     tu::writeFile(path, kImage);
     const char *p = path.c_str();
     std::string missing = dir.path("missing.jpg");
-    FILE *fp = _qfopen(path.c_str(), "r+b");
+    FILE *fp = _qfopen(p, "r+b");
     YAXBUFFER *h = _qbopen(8192);
     _qbwrite(kImage.data(), size32(kImage), h);
-
-    struct Case {
-        std::function<int()> call;
-        std::string line;
-    };
     const std::string P = "YAX::AddYAXDataInFirstTime", F = "YAX::AddYAXDataInFirstTimeFP";
-    std::vector<Case> cases = {
-        {[&] { return AddYAXDataInFirstTime(p, "n", 1, 0, nullptr, 0, "d", 1); },
-         tu::errLine(P, kUserMsg)},
-        {[&] { return AddYAXDataInFirstTime(p, nullptr, 1, 1, nullptr, 0, "d", 1); },
-         tu::errLine(P, "name null")},
-        {[&] { return AddYAXDataInFirstTime(p, "n", 0, 1, nullptr, 0, "d", 1); },
-         tu::errLine(P, "name null")},
-        {[&] { return AddYAXDataInFirstTime(p, "n", 1, 1, nullptr, 0, "d", 0); },
-         tu::errLine(P, "data null")},
+    // the buffer flavour speaks with the FILE* flavour's tags
+    expectRefusals({
+        {[&] { return AddYAXDataInFirstTime(p, "n", 1, 0, nullptr, 0, "d", 1); }, tu::errLine(P, kUserMsg)},
+        {[&] { return AddYAXDataInFirstTime(p, "n", 0, 1, nullptr, 0, "d", 1); }, tu::errLine(P, "name null")},
+        {[&] { return AddYAXDataInFirstTime(p, "n", 1, 1, nullptr, 0, "d", 0); }, tu::errLine(P, "data null")},
         {[&] { return AddYAXDataInFirstTime(missing.c_str(), "n", 1, 1, nullptr, 0, "d", 1); },
          tu::errLine("YAXEncoder::AddYAXDataInFirstTime", "file open error")},
-        {[&] { return AddYAXDataInFirstTimeFP(fp, "n", 1, 0, "s", 0, "d", 1); },
-         tu::errLine(F, kUserMsg)},
+        {[&] { return AddYAXDataInFirstTimeFP(fp, "n", 1, 0, "s", 0, "d", 1); }, tu::errLine(F, kUserMsg)},
         {[&] { return AddYAXDataInFirstTimeFP(fp, nullptr, 1, 1, nullptr, 0, "d", 1); },
          tu::errLine(F, "name_size <= 0 || name == NULL")},
         {[&] { return AddYAXDataInFirstTimeFP(fp, "n", 1, 1, nullptr, 0, nullptr, 1); },
          tu::errLine(F, "data == 0 || data_size <= 0")},
-        {[&] { return AddYAXDataInFirstTimeFP(nullptr, "n", 1, 1, nullptr, 0, "d", 1); },
-         tu::errLine(F, "fp == NULL")},
-        // the buffer flavour speaks with the FILE* flavour's tag
-        {[&] { return AddYAXDataInFirstTimeBuffer(h, "n", 1, 0, nullptr, 0, "d", 1); },
-         tu::errLine(F, kUserMsg)},
-        {[&] { return AddYAXDataInFirstTimeBuffer(h, "n", 0, 1, nullptr, 0, "d", 1); },
-         tu::errLine(F, "name_size <= 0 || name == NULL")},
+        {[&] { return AddYAXDataInFirstTimeFP(nullptr, "n", 1, 1, nullptr, 0, "d", 1); }, tu::errLine(F, "fp == NULL")},
+        {[&] { return AddYAXDataInFirstTimeBuffer(h, "n", 1, 0, nullptr, 0, "d", 1); }, tu::errLine(F, kUserMsg)},
         {[&] { return AddYAXDataInFirstTimeBuffer(nullptr, "n", 1, 1, nullptr, 0, "d", 1); },
          tu::errLine(F, "handle == NULL")},
-    };
-    for (size_t i = 0; i < cases.size(); ++i) {
-        int r = -1;
-        EXPECT_EQ(tu::capture([&] { r = cases[i].call(); }), cases[i].line) << "case " << i;
-        EXPECT_EQ(r, 0) << "case " << i;
-    }
+    });
     _qfclose(fp);
     EXPECT_EQ(tu::readFile(path), kImage);
     EXPECT_EQ(h->write_size, static_cast<int32_t>(kImage.size()));
@@ -354,13 +340,6 @@ TEST(LaterAdd, NewBlockOverTheOldHeaderAndEveryRowShifted) {
     EXPECT_EQ(tu::readFile(path), want);
     EXPECT_EQ(dir.list(), std::vector<std::string>{"p.jpg"});
 
-    // and finds the header on its own stream when the record has none
-    tu::writeFile(path, before);
-    HandInfo bare(tb::rowsFor({kA, kB}), size32(before));
-    EXPECT_EQ(AddYAXData(path.c_str(), &bare.info, a.name(), a.nameLen(), 3, nullptr, 0, a.data(),
-                         a.dataLen(), nullptr),
-              1);
-    EXPECT_EQ(tu::readFile(path), want);
 }
 
 TEST(LaterAdd, LegacyBlockIsRewrittenBehindTheNewTail) {
@@ -420,25 +399,21 @@ TEST(LaterAdd, RefusalsAndFailuresWithTheirLines) {
     tu::TempDir dir;
     std::string path = dir.path("p.jpg");
     tu::writeFile(path, before);
+    const char *p = path.c_str();
     const std::string E = "YAXEncoder::AddYAXDataFP", P = "YAX::AddYAXData";
     HandInfo info(tb::rowsFor({kA}), size32(before));
-    FILE *ro = _qfopen(path.c_str(), "rb");
-    YAXBUFFER *h = _qbopen(8192);
-    _qbwrite(before.data(), size32(before), h);
+    HandInfo far(tb::rowsFor({kA}), size32(before));  // header beyond the file's start
+    far.info.header_offset = size32(before) + 1;
+    FILE *ro = _qfopen(p, "rb");
     std::string missing = dir.path("gone.jpg");
-
-    struct Case {
-        std::function<int()> call;
-        std::string out;
-    };
-    std::vector<Case> cases = {
-        {[&] { return AddYAXData(path.c_str(), nullptr, "n", 1, 1, nullptr, 0, "d", 1, nullptr); },
+    const std::string seek_errno = tu::errLine("_qlseek", "errno : 22");
+    expectRefusals({
+        {[&] { return AddYAXData(p, nullptr, "n", 1, 1, nullptr, 0, "d", 1, nullptr); },
          tu::errLine(P, "YAX_info == NULL")},
-        {[&] { return AddYAXData(path.c_str(), &info.info, "n", 1, 0, nullptr, 0, "d", 1, nullptr); },
-         tu::errLine(P, kUserMsg)},
-        {[&] { return AddYAXData(path.c_str(), &info.info, "n", 0, 1, nullptr, 0, "d", 1, nullptr); },
+        {[&] { return AddYAXData(p, &info.info, "n", 1, 0, nullptr, 0, "d", 1, nullptr); }, tu::errLine(P, kUserMsg)},
+        {[&] { return AddYAXData(p, &info.info, "n", 0, 1, nullptr, 0, "d", 1, nullptr); },
          tu::errLine(P, "name_size <= 0 || name == NULL")},
-        {[&] { return AddYAXData(path.c_str(), &info.info, "n", 1, 1, nullptr, 0, "d", 0, nullptr); },
+        {[&] { return AddYAXData(p, &info.info, "n", 1, 1, nullptr, 0, "d", 0, nullptr); },
          tu::errLine(P, "data == NULL || data_size <= 0")},
         {[&] { return AddYAXData(missing.c_str(), &info.info, "n", 1, 1, nullptr, 0, "d", 1, nullptr); },
          tu::errLine("YAXEncoder::AddYAXData", "file open error")},
@@ -446,54 +421,36 @@ TEST(LaterAdd, RefusalsAndFailuresWithTheirLines) {
          tu::errLine(E, "YAX_info == NUL")},
         {[&] { return AddYAXDataFP(nullptr, &info.info, "n", 1, 1, nullptr, 0, "d", 1, nullptr); },
          tu::errLine(E, "fp == NUL")},
-        {[&] { return AddYAXDataFP(ro, &info.info, "n", 1, 0, nullptr, 0, "d", 1, nullptr); },
-         tu::errLine(E, kUserMsg)},
+        {[&] { return AddYAXDataFP(ro, &info.info, "n", 1, 0, nullptr, 0, "d", 1, nullptr); }, tu::errLine(E, kUserMsg)},
+        {[&] { return AddYAXDataFP(ro, &far.info, "n", 1, 1, nullptr, 0, "d", 1, nullptr); },
+         seek_errno + tu::errLine(E, "File Search Error ")},
+        {[&] {
+             far.info.fp = ro;
+             return AddYAXData(p, &far.info, "n", 1, 1, nullptr, 0, "d", 1, nullptr);
+         },
+         seek_errno + tu::errLine("YAXEncoder::AddYAXData", "file search error = -1\n")},
         {[&] { return AddYAXDataFP(ro, &info.info, "n", 1, 1, nullptr, 0, "d", 1, nullptr); },
          tu::errLine("YAXInternal::_writeDataTagInfo", "File Write Error") +
              tu::errLine(E, "File _writeDataTagInfo Error")},
         {[&] { return AddYAXDataBuffer(nullptr, &info.info, "n", 1, 1, nullptr, 0, "d", 1, nullptr); },
          tu::errLine(E, "fp == NUL")},
-        {[&] { return AddYAXDataBuffer(h, nullptr, "n", 1, 1, nullptr, 0, "d", 1, nullptr); },
-         tu::errLine(E, "YAX_info == NUL")},
-    };
-    for (size_t i = 0; i < cases.size(); ++i) {
-        int r = -1;
-        EXPECT_EQ(tu::capture([&] { r = cases[i].call(); }), cases[i].out) << "case " << i;
-        EXPECT_EQ(r, 0) << "case " << i;
-    }
+    });
+    _qfclose(ro);
     EXPECT_FALSE(tu::exists(missing));
     EXPECT_EQ(tu::readFile(path), before);
-
-    // a header offset beyond the start of the file
-    HandInfo far(tb::rowsFor({kA}), size32(before));
-    far.info.header_offset = size32(before) + 1;
-    int r = -1;
-    EXPECT_EQ(tu::capture([&] {
-                  r = AddYAXDataFP(ro, &far.info, "n", 1, 1, nullptr, 0, "d", 1, nullptr);
-              }),
-              tu::errLine("_qlseek", "errno : 22") + tu::errLine(E, "File Search Error "));
-    far.info.fp = ro;
-    EXPECT_EQ(tu::capture([&] {
-                  r = AddYAXData(path.c_str(), &far.info, "n", 1, 1, nullptr, 0, "d", 1, nullptr);
-              }),
-              tu::errLine("_qlseek", "errno : 22") +
-                  tu::errLine("YAXEncoder::AddYAXData", "file search error = -1\n"));
-    EXPECT_EQ(r, 0);
-    _qfclose(ro);
 
     // a buffer without room for the header: the field is named
     const std::string payload(40, 'd');
     const uint32_t room = size32(before) - 32 + tb::blockLength(Entry{1, "n", payload, ""});
-    r = -1;
+    HandInfo bi(tb::rowsFor({kA}), size32(before));
+    int r = -1;
     std::string out = tu::capture([&] {
         onBuffer(before, room, [&](YAXBUFFER *b) {
-            HandInfo bi(tb::rowsFor({kA}), size32(before));
             r = AddYAXDataBuffer(b, &bi.info, "n", 1, 1, nullptr, 0, payload.data(), 40, nullptr);
         });
     });
     EXPECT_EQ(out, tu::errLine(E, "file _writeYAX_QTSS error\n"));
     EXPECT_EQ(r, 0);
-    _qbclose(h);
 }
 
 TEST(LaterAdd, FileWriteFailuresAreCaughtUnlikeInTheFirstAdd) {
@@ -551,30 +508,17 @@ TEST(DirectAdd, CallerFormattedBlocksGetTheSameTrailer) {
     EXPECT_EQ(r, 1);
 
     const std::string D = "YAX::AddDirectYAXDataFP", F = "YAXEncoder::AddDirectYAXDataInFirstTimeFP";
-    struct Case {
-        std::function<int()> call;
-        std::string out;
-    };
-    std::vector<Case> cases = {
+    expectRefusals({
         {[&] { return AddDirectYAXDataInFirstTimeFP(nullptr, 0, 0, "x", 1); }, tu::errLine(F, kUserMsg)},
         {[&] { return AddDirectYAXDataInFirstTimeFP(nullptr, 1, 0, "x", 0); },
          tu::errLine(F, "data == VELTA_YAX_NULL || data_size <= 0")},
-        {[&] { return AddDirectYAXDataInFirstTimeFP(nullptr, 1, 0, "x", 1); },
-         tu::errLine(F, "fp == VELTA_YAX_NULL")},
-        {[&] { return AddDirectYAXDataFP(nullptr, &info.info, 0, 0, "x", 1, nullptr); },
-         tu::errLine(D, kUserMsg)},
-        {[&] { return AddDirectYAXDataFP(nullptr, &info.info, 1, 0, nullptr, 1, nullptr); },
-         tu::errLine(D, "data == VELTA_YAX_NULL || data_size <= 0")},
+        {[&] { return AddDirectYAXDataInFirstTimeFP(nullptr, 1, 0, "x", 1); }, tu::errLine(F, "fp == VELTA_YAX_NULL")},
+        {[&] { return AddDirectYAXDataFP(nullptr, &info.info, 0, 0, "x", 1, nullptr); }, tu::errLine(D, kUserMsg)},
         {[&] { return AddDirectYAXDataFP(nullptr, nullptr, 1, 0, "x", 1, nullptr); },
          tu::errLine(D, "YAX_info == VELTA_YAX_NULL")},
         {[&] { return AddDirectYAXDataFP(nullptr, &info.info, 1, 0, "x", 1, nullptr); },
          tu::errLine(D, "fp == VELTA_YAX_NULL")},
-    };
-    for (size_t i = 0; i < cases.size(); ++i) {
-        int rr = -1;
-        EXPECT_EQ(tu::capture([&] { rr = cases[i].call(); }), cases[i].out) << "case " << i;
-        EXPECT_EQ(rr, 0) << "case " << i;
-    }
+    });
 }
 
 // ---- fast add ----
@@ -683,22 +627,14 @@ TEST(FastAdd, AppendsWhenNoRoomIsLeftForAFiller) {
 
 TEST(FastAdd, RefusalsSayNothingButTheUserDataRule) {
     HandInfo h(tb::rowsFor({kFiller}), 4096 + 100);
-    int r = -1;
-    EXPECT_EQ(tu::capture([&] { r = FastAddYAXData(&h.info, "n", 1, 0, nullptr, 0, "d", 1, 1); }),
-              tu::errLine("YAX::AddYAXDataInFirstTime", kUserMsg));
-    EXPECT_EQ(r, 0);
-    const std::vector<std::function<int()>> silent = {
-        [&] { return FastAddYAXData(&h.info, nullptr, 1, 1, nullptr, 0, "d", 1, 1); },
-        [&] { return FastAddYAXData(&h.info, "n", 0, 1, nullptr, 0, "d", 1, 1); },
-        [&] { return FastAddYAXData(nullptr, "n", 1, 1, nullptr, 0, "d", 1, 1); },
-        [&] { return FastAddYAXData(&h.info, "n", 1, 1, nullptr, 0, nullptr, 1, 1); },
-        [&] { return FastAddYAXData(&h.info, "n", 1, 1, nullptr, 0, "d", 0, 1); },
-        [&] { return FastAddYAXData(&h.info, "n", 1, 1, nullptr, 0, "d", 1, 1); },  // no stream
-    };
-    for (size_t i = 0; i < silent.size(); ++i) {
-        EXPECT_EQ(tu::capture([&] { r = silent[i](); }), "") << i;
-        EXPECT_EQ(r, 0) << i;
-    }
+    expectRefusals({
+        {[&] { return FastAddYAXData(&h.info, "n", 1, 0, nullptr, 0, "d", 1, 1); },
+         tu::errLine("YAX::AddYAXDataInFirstTime", kUserMsg)},
+        {[&] { return FastAddYAXData(&h.info, nullptr, 1, 1, nullptr, 0, "d", 1, 1); }, ""},
+        {[&] { return FastAddYAXData(nullptr, "n", 1, 1, nullptr, 0, "d", 1, 1); }, ""},
+        {[&] { return FastAddYAXData(&h.info, "n", 1, 1, nullptr, 0, "d", 0, 1); }, ""},
+        {[&] { return FastAddYAXData(&h.info, "n", 1, 1, nullptr, 0, "d", 1, 1); }, ""},  // no stream
+    });
 }
 
 // ---- size check and temporary names ----
