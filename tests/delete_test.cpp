@@ -4,9 +4,9 @@
 // not lean on the parser.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -413,13 +413,9 @@ TEST(DeleteAll, TemporaryFileThatCannotBeOpenedReportsSuccessAndChangesNothing) 
     Layout l;
     l.entries = threeEntries();
     OnDisk d(l);
-    // Every candidate name is taken; the last one is handed out anyway and,
-    // being a directory, cannot be opened for writing.
-    for (int n = 0; n <= 998; ++n) {
-        char name[32];
-        std::snprintf(name, sizeof name, "photo%03d.tmp", n);
-        ASSERT_EQ(0, mkdir(d.dir.path(name).c_str(), 0700));
-    }
+    // The first free name is a link into a directory that does not exist:
+    // it counts as free, and cannot be opened for writing.
+    ASSERT_EQ(0, symlink(d.dir.path("missing/target").c_str(), d.dir.path("photo000.tmp").c_str()));
     FILE *fp = d.info->fp;
     EXPECT_EQ(1, DeleteAllData(d.path.c_str(), d.info));
     EXPECT_EQ(1, DeleteAllYAXData(d.path.c_str(), d.info));
@@ -655,6 +651,114 @@ TEST(DeletePreconditions, NullsAndBadIndicesReturnZeroSilently) {
     });
     EXPECT_EQ("", log);
     EXPECT_EQ(l.bytes(), d.now());
+}
+
+// ---------------------------------------------------------------------------
+// Beyond 4 GiB: a sparse host with the trailer at its end. Positions are
+// 64-bit throughout; an in-place delete that would need a scratch area larger
+// than the address space refuses cleanly.
+
+class BeyondFourGiB : public ::testing::Test {
+protected:
+    static constexpr int64_t kHost = (int64_t{5} << 30) + 3;
+    tu::TempDir dir;
+    std::string path = dir.path("big.jpg");
+    Layout l;
+    YaxInfo *info = nullptr;
+
+    void SetUp() override {
+        l.image.clear();
+        l.entries = threeEntries();
+        l.vono = vonoEnd(1, 70, 90);
+        const Bytes tail = l.bytes();
+        int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+        ASSERT_GE(fd, 0);
+        const bool ok = ::ftruncate64(fd, kHost) == 0 &&
+                        ::pwrite64(fd, tail.data(), tail.size(), kHost) ==
+                            static_cast<ssize_t>(tail.size());
+        ::close(fd);
+        if (!ok) GTEST_SKIP() << "no sparse files here";
+        info = makeInfo(l);
+        info->file_size += kHost;
+        info->data_start_position += kHost;
+        info->fp = std::fopen(path.c_str(), "r+b");
+    }
+    void TearDown() override {
+        if (info == nullptr) return;
+        std::fclose(info->fp);
+        freeInfo(info);
+    }
+    // Size of the file and the bytes from the host's end on.
+    std::pair<int64_t, Bytes> tail() const {
+        int fd = ::open(path.c_str(), O_RDONLY);
+        const int64_t size = ::lseek64(fd, 0, SEEK_END);
+        Bytes b(static_cast<size_t>(size - kHost));
+        EXPECT_EQ(static_cast<ssize_t>(b.size()), ::pread64(fd, b.data(), b.size(), kHost));
+        ::close(fd);
+        return {size, b};
+    }
+};
+
+TEST_F(BeyondFourGiB, FastDeleteRewritesTheTrailerInPlace) {
+    VonoInfo *v = makeVono(70, 90, 0);
+    EXPECT_EQ(1, FastDeleteAYAXData(info, 1, v, 0));
+    auto [size, got] = tail();
+    EXPECT_EQ(kHost + static_cast<int64_t>(l.bytes().size()), size);
+    EXPECT_EQ(tb::trailer({filler(tb::blockLength(l.entries[1])), l.entries[0], l.entries[2]}) +
+                  l.vono,
+              got);
+    _destroyVONODATA(v);
+}
+
+TEST_F(BeyondFourGiB, InPlaceDeleteAllCutsAtTheFirstBlock) {
+    EXPECT_EQ(1, DeleteAllYAXDataFP(info->fp, info));
+    auto [size, got] = tail();
+    EXPECT_EQ(kHost + 30, size);
+    EXPECT_EQ(vonoEnd(0, 70, 90), got);
+}
+
+TEST_F(BeyondFourGiB, InPlaceSingleDeleteNeedsTheWholeFileInMemory) {
+    if (uint64_t{SIZE_MAX} >= static_cast<uint64_t>(info->file_size))
+        GTEST_SKIP() << "the scratch area would fit this address space";
+    EXPECT_EQ(tu::errLine("YAXEncoder::DeleteAYAXDataFP", "file is too large to edit in memory"),
+              tu::capture([&] { EXPECT_EQ(0, DeleteAYAXDataFP(info->fp, info, 1, nullptr)); }));
+    EXPECT_EQ(l.bytes(), tail().second);
+}
+
+// ---------------------------------------------------------------------------
+// With the library's own parser: what a delete leaves parses again into the
+// expected table.
+
+TEST(DeleteRoundTrip, ParsedFileDeletedAndParsedAgain) {
+    Layout l;
+    l.entries = threeEntries();
+    tu::TempDir dir;
+    const std::string path = dir.path("photo.jpg");
+    tu::writeFile(path, l.bytes());
+    YaxInfo *info = ParseYAX(path.c_str(), getSignature(path.c_str()));
+    ASSERT_NE(nullptr, info);
+    ASSERT_EQ(1, getYAXList(info));
+    EXPECT_EQ(1, DeleteAYAXData(path.c_str(), info, 0, nullptr));
+    DestroyYAX(info);
+
+    info = ParseYAX(path.c_str(), getSignature(path.c_str()));
+    ASSERT_NE(nullptr, info);
+    ASSERT_EQ(1, getYAXList(info));
+    EXPECT_EQ(1, FastDeleteAYAXData(info, 1, nullptr, 0));
+    DestroyYAX(info);
+
+    info = ParseYAX(path.c_str(), getSignature(path.c_str()));
+    ASSERT_NE(nullptr, info);
+    ASSERT_EQ(1, getYAXList(info));
+    auto want = tb::rowsFor({filler(tb::blockLength(l.entries[2])), l.entries[1]});
+    ASSERT_EQ(2u, info->meta_count);
+    for (uint32_t i = 0; i < 2; ++i) {
+        EXPECT_EQ(want[i].offset, info->meta_data[i]->offset);
+        EXPECT_EQ(want[i].length, info->meta_data[i]->length);
+        EXPECT_EQ(want[i].meta_type, info->meta_data[i]->meta_type);
+    }
+    EXPECT_EQ(static_cast<int64_t>(l.image.size()), info->data_start_position);
+    DestroyYAX(info);
 }
 
 }  // namespace
