@@ -14,8 +14,9 @@
 namespace {
 
 using tb::Bytes;
+using tb::operator+;
 
-struct Run {
+struct Outcome {
     int code = -1;
     std::string out, err;
 };
@@ -44,7 +45,7 @@ class Tool {
 public:
     explicit Tool(const tu::TempDir &dir) : dir_(dir) {}
 
-    Run operator()(const std::vector<std::string> &args, const std::string &input = "") const {
+    Outcome operator()(const std::vector<std::string> &args, const std::string &input = "") const {
         std::vector<std::string> argv = split(YAX_TOOL_LAUNCHER, '|');
         argv.push_back(YAX_TOOL);
         argv.insert(argv.end(), args.begin(), args.end());
@@ -65,7 +66,7 @@ public:
             execv(cargv[0], cargv.data());
             _exit(127);
         }
-        Run r;
+        Outcome r;
         int status = 0;
         if (pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status))
             r.code = WEXITSTATUS(status);
@@ -120,7 +121,7 @@ protected:
     }
 
     // A one-line error, no output, the given exit code.
-    static void expectFailure(const Run &r, const std::string &message, int code = 1) {
+    static void expectFailure(const Outcome &r, const std::string &message, int code = 1) {
         EXPECT_EQ(r.code, code);
         EXPECT_EQ(r.out, "");
         EXPECT_EQ(r.err, "yax: " + message + "\n");
@@ -128,11 +129,11 @@ protected:
 };
 
 TEST_F(ToolTest, HelpAndUsageErrors) {
-    Run help = yax({"--help"});
+    Outcome help = yax({"--help"});
     EXPECT_EQ(help.code, 0);
     for (const char *cmd : {"list", "get", "put", "rm", "clear"})
         EXPECT_NE(help.out.find(cmd), std::string::npos) << cmd;
-    Run putHelp = yax({"put", "--help"});
+    Outcome putHelp = yax({"put", "--help"});
     EXPECT_EQ(putHelp.code, 0);
     EXPECT_NE(putHelp.out.find("--replace"), std::string::npos);
     EXPECT_NE(putHelp.out.find("--sub-info"), std::string::npos);
@@ -140,7 +141,7 @@ TEST_F(ToolTest, HelpAndUsageErrors) {
     for (const std::vector<std::string> &args :
          std::vector<std::vector<std::string>>{{}, {"frobnicate"}, {"get", image}, {"list"},
                                                {"put", image, "x", "--type", "65536"}}) {
-        Run r = yax(args);
+        Outcome r = yax(args);
         EXPECT_EQ(r.code, 2) << args.size();
         EXPECT_EQ(r.out, "");
         EXPECT_EQ(r.err.rfind("yax: ", 0), 0u) << r.err;
@@ -152,48 +153,48 @@ TEST_F(ToolTest, HelpAndUsageErrors) {
 // put, list, get and the whole file against bytes built independently.
 TEST_F(ToolTest, PutListGetRoundTrip) {
     tb::Entry caption{1, "caption", "a sunny day\n", ""};
-    tb::Entry blob{7, "blob", std::string("\x00\x01\xff\n\r\x1a", 6) + std::string(3000, 'z'), "meta"};
+    tb::Entry blob{7, "blob", std::string("\x00\x01\xff\n\r\x1a", 6) + std::string(300, 'z'), "meta"};
     tu::writeFile(dir.path("caption.txt"), bytesOf(caption.payload));
     tu::writeFile(dir.path("sub.bin"), bytesOf(blob.sub));
 
-    Run empty = yax({"list", image});
+    Outcome empty = yax({"list", image});
     EXPECT_EQ(empty.code, 0);
     EXPECT_EQ(empty.out, "");
     EXPECT_EQ(empty.err, "");
 
-    Run put1 = yax({"put", image, "caption", dir.path("caption.txt")});
+    Outcome put1 = yax({"put", image, "caption", dir.path("caption.txt")});
     EXPECT_EQ(put1.code, 0) << put1.err;
     EXPECT_EQ(put1.out, "");
     EXPECT_EQ(put1.err, "");
-    Run put2 = yax({"put", image, "blob", "-", "--type", "7", "--sub-info", dir.path("sub.bin")},
+    Outcome put2 = yax({"put", image, "blob", "-", "--type", "7", "--sub-info", dir.path("sub.bin")},
                    blob.payload);
     EXPECT_EQ(put2.code, 0) << put2.err;
     EXPECT_EQ(put2.out + put2.err, "");
 
     EXPECT_EQ(tu::readFile(image), jpeg + tb::trailer({caption, blob}));
 
-    Run list = yax({"list", image});
+    Outcome list = yax({"list", image});
     EXPECT_EQ(list.code, 0);
     EXPECT_EQ(list.out, listLines(jpeg.size(), {caption, blob}));
     EXPECT_EQ(list.err, "");
 
-    Run get = yax({"get", image, "blob"});
+    Outcome get = yax({"get", image, "blob"});
     EXPECT_EQ(get.code, 0);
     EXPECT_EQ(get.out, blob.payload);
     EXPECT_EQ(get.err, "");
-    Run sub = yax({"get", image, "blob", "--sub-info"});
+    Outcome sub = yax({"get", image, "blob", "--sub-info"});
     EXPECT_EQ(sub.code, 0);
     EXPECT_EQ(sub.out, "meta");
 
     std::string out = dir.path("caption.out");
-    Run getFile = yax({"get", image, "caption", "-o", out});
+    Outcome getFile = yax({"get", image, "caption", "-o", out});
     EXPECT_EQ(getFile.code, 0);
     EXPECT_EQ(getFile.out, "");
     EXPECT_EQ(text(tu::readFile(out)), caption.payload);
     // photo.jpg, caption.txt, sub.bin, caption.out: no temporary left behind.
     EXPECT_TRUE(lacksTemporaries(dir, 4)) << ::testing::PrintToString(dir.list());
 
-    Run json = yax({"list", image, "--json"});
+    Outcome json = yax({"list", image, "--json"});
     ASSERT_EQ(json.code, 0);
     nlohmann::json doc = nlohmann::json::parse(json.out);
     ASSERT_EQ(doc["entries"].size(), 2u);
@@ -229,7 +230,7 @@ TEST_F(ToolTest, ReplaceAndRemove) {
 
     // A replaced entry moves to the end of the table.
     tb::Entry a2{1, "a", "replacement", ""};
-    Run rep = yax({"put", image, "a", "--replace"}, a2.payload);
+    Outcome rep = yax({"put", image, "a", "--replace"}, a2.payload);
     EXPECT_EQ(rep.code, 0) << rep.err;
     EXPECT_EQ(tu::readFile(image), jpeg + tb::trailer({b, c, a2}));
 
@@ -238,7 +239,7 @@ TEST_F(ToolTest, ReplaceAndRemove) {
     expectFailure(yax({"rm", image, "b", "b"}), "'b' is named twice");
     EXPECT_EQ(tu::readFile(image), jpeg + tb::trailer({b, c, a2}));
 
-    Run rm = yax({"rm", image, "b", "a"});
+    Outcome rm = yax({"rm", image, "b", "a"});
     EXPECT_EQ(rm.code, 0) << rm.err;
     EXPECT_EQ(rm.out + rm.err, "");
     EXPECT_EQ(tu::readFile(image), jpeg + tb::trailer({c}));
@@ -253,7 +254,7 @@ TEST_F(ToolTest, ReplaceAndRemove) {
     ASSERT_EQ(yax({"put", image, "a"}, "x").code, 0);
     EXPECT_EQ(yax({"clear", image}).code, 0);
     EXPECT_EQ(tu::readFile(image), jpeg);
-    Run again = yax({"clear", image});
+    Outcome again = yax({"clear", image});
     EXPECT_EQ(again.code, 0);
     EXPECT_EQ(again.out + again.err, "");
     EXPECT_TRUE(lacksTemporaries(dir, 1)) << ::testing::PrintToString(dir.list());
@@ -268,13 +269,13 @@ TEST_F(ToolTest, FastEditsKeepTheLength) {
     Bytes both = jpeg + tb::trailer({a, b});
     ASSERT_EQ(tu::readFile(image), both);
 
-    Run rm = yax({"rm", image, "a", "--fast"});
+    Outcome rm = yax({"rm", image, "a", "--fast"});
     EXPECT_EQ(rm.code, 0) << rm.err;
     Bytes afterRm = tu::readFile(image);
     EXPECT_EQ(afterRm.size(), both.size());
     EXPECT_TRUE(std::equal(jpeg.begin(), jpeg.end(), afterRm.begin()));
 
-    Run list = yax({"list", image});
+    Outcome list = yax({"list", image});
     ASSERT_EQ(list.code, 0);
     std::vector<std::string> lines = split(list.out, '\n');
     ASSERT_EQ(lines.size(), 2u) << list.out;
@@ -340,7 +341,7 @@ TEST_F(ToolTest, DamagedTrailer) {
     EXPECT_EQ(tu::readFile(image), damaged);
 
     // --verbose shows the library's own lines, on standard error only.
-    Run verbose = yax({"--verbose", "list", image});
+    Outcome verbose = yax({"--verbose", "list", image});
     EXPECT_EQ(verbose.code, 1);
     EXPECT_EQ(verbose.out, "");
     EXPECT_NE(verbose.err.find("YAXLog\tE\t"), std::string::npos) << verbose.err;
@@ -353,7 +354,7 @@ TEST_F(ToolTest, ListsAudio) {
     uint32_t start = static_cast<uint32_t>(jpeg.size());
     Bytes legacy = jpeg + bytesOf(sound) + tb::vonoBlock({{start, start + 40}});
     tu::writeFile(image, legacy);
-    Run list = yax({"list", image});
+    Outcome list = yax({"list", image});
     EXPECT_EQ(list.code, 0) << list.err;
     EXPECT_EQ(list.out, "audio0\t-\t-\t40\t-\t" + std::to_string(start) + "\tlegacy-audio\n");
 
@@ -361,7 +362,7 @@ TEST_F(ToolTest, ListsAudio) {
     tb::Entry meta{2048, "TonePhoto_Meta_Info", text(tb::toneList({"TonePhoto_000"})), ""};
     tb::Entry note{1, "note", "hi", ""};
     tu::writeFile(image, jpeg + tb::trailer({tone, meta, note}));
-    Run tp = yax({"list", image});
+    Outcome tp = yax({"list", image});
     EXPECT_EQ(tp.code, 0) << tp.err;
     std::vector<std::string> lines = split(tp.out, '\n');
     std::vector<std::string> plain = split(listLines(jpeg.size(), {tone, meta, note}), '\n');

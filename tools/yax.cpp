@@ -343,7 +343,7 @@ std::string listText(const Contents &c) {
 }
 
 std::string listJson(const std::string &path, const Contents &c) {
-    using nlohmann::json;
+    using json = nlohmann::ordered_json;
     json entries = json::array();
     for (const Entry &e : c.entries) {
         json j = {{"index", e.index}, {"name", e.name}, {"type", e.type},
