@@ -3,6 +3,7 @@
 // the end in place), the filler's room taking a smaller block, and the
 // wrappers' payload-file and size handling.
 #include <cstring>
+#include <filesystem>
 
 #include "api_fixture.hpp"
 #include "yax_api.h"
@@ -123,10 +124,20 @@ TEST_F(FastSave, MissingAndEmptyPayloadShareAMessage) {
 // The path wrapper leaves its stream open; every write has reached the file
 // by the time it returns.
 TEST_F(FastSave, PathWrapperLeavesACompleteFile) {
+    auto openDescriptors = [] {
+        size_t n = 0;
+        for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+            (void)entry;
+            ++n;
+        }
+        return n;
+    };
     put(at::host());
+    const size_t before = openDescriptors();
     EXPECT_EQ(saveFastYAXDataToFile(file.c_str(), "a", 1, nullptr, 0, kA.payload.data(),
                                     static_cast<uint32_t>(kA.payload.size()), 5, 0),
               1);
+    EXPECT_EQ(openDescriptors(), before + 1);  // its stream stays open
     EXPECT_EQ(now(), at::host() + trailer({kA}));
     EXPECT_EQ(saveFastYAXDataToFile(dir.path("absent.jpg").c_str(), "a", 1, nullptr, 0, "d", 1, 5, 0),
               0);
