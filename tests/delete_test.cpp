@@ -621,39 +621,6 @@ TEST(FastDelete, TooSmallForAFillerFailsBeforeWriting) {
 }
 
 // ---------------------------------------------------------------------------
-// Plain refusals shared by every delete.
-
-TEST(DeletePreconditions, NullsAndBadIndicesReturnZeroSilently) {
-    Layout l;
-    l.entries = threeEntries();
-    OnDisk d(l);
-    const char *p = d.path.c_str();
-    std::string log = tu::capture([&] {
-        EXPECT_EQ(0, DeleteAllData(nullptr, d.info));
-        EXPECT_EQ(0, DeleteAllData(p, nullptr));
-        EXPECT_EQ(0, DeleteAllYAXData(p, nullptr));
-        EXPECT_EQ(0, DeleteAllYAXDataFP(nullptr, d.info));
-        EXPECT_EQ(0, DeleteAllYAXDataBuffer(nullptr, d.info));
-        EXPECT_EQ(0, DeleteAYAXData(p, d.info, 3, nullptr));
-        EXPECT_EQ(0, DeleteAYAXDataFP(d.info->fp, d.info, 3, nullptr));
-        EXPECT_EQ(0, DeleteMultiYAXData(nullptr, d.info, nullptr, 0));
-        EXPECT_EQ(0, FastDeleteAllData(nullptr));
-        EXPECT_EQ(0, FastDeleteAllYAXData(nullptr));
-        FILE *fp = d.info->fp;
-        d.info->fp = nullptr;
-        EXPECT_EQ(0, DeleteAYAXDataFP(fp, d.info, 1, nullptr));
-        EXPECT_EQ(0, DeleteAYAXData(p, d.info, 1, nullptr));
-        d.info->fp = fp;
-        d.info->file_size = 0;
-        EXPECT_EQ(0, DeleteAllYAXData(p, d.info));
-        EXPECT_EQ(0, FastDeleteAllData(d.info));
-        d.info->file_size = static_cast<int64_t>(l.bytes().size());
-    });
-    EXPECT_EQ("", log);
-    EXPECT_EQ(l.bytes(), d.now());
-}
-
-// ---------------------------------------------------------------------------
 // Beyond 4 GiB: a sparse host with the trailer at its end. Positions are
 // 64-bit throughout; an in-place delete that would need a scratch area larger
 // than the address space refuses cleanly.
