@@ -240,16 +240,16 @@ int addRow(YaxInfo *info, uint32_t offset, uint32_t length, uint32_t meta_type) 
     return 1;
 }
 
+// Closes the file stream the record owns. A buffer stream is never closed
+// here: it always stays its caller's, whichever destroy flavour releases the
+// record (the buffer API releases its parses through the stream flavour).
 int destroy(YaxInfo *info) {
     if (info == nullptr) return 0;
     if (info->fp != nullptr) {
         _qfclose(info->fp);
         info->fp = nullptr;
     }
-    if (info->handle != nullptr) {
-        _qbclose(info->handle);
-        info->handle = nullptr;
-    }
+    info->handle = nullptr;
     _destroyYAXDataList(info);
     _qfree(info);
     return 1;

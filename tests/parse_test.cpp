@@ -300,6 +300,19 @@ TEST(Release, NamesOutliveTheTableAndStreamsFollowTheDestroyFlavour) {
     EXPECT_EQ(two[0], 0xFF);
     EXPECT_EQ(_qfclose(fp), 0);
 
+    // A buffer stream stays its caller's whichever flavour releases the parse.
+    const Bytes file = tb::fakeImage(100) + tb::trailer(kTwo);
+    YAXBUFFER *h = toBuffer(file);
+    for (int (*release)(YaxInfo *) : {DestroyYAX, DestroyYAX_FP, DestroyYAX_Buffer}) {
+        YaxInfo *b = ParseYAX_Buffer(h, SIGNATURE_YAX);
+        ASSERT_NE(b, nullptr);
+        ASSERT_EQ(getYAXListBuffer(b), 1);
+        EXPECT_EQ(release(b), 1);
+        EXPECT_EQ(qbgetWriteSize(h), static_cast<int32_t>(file.size()));
+        EXPECT_EQ(getSignatureBuffer(h), static_cast<unsigned>(SIGNATURE_YAX));
+    }
+    _qbclose(h);
+
     EXPECT_EQ(DestroyYAX(nullptr), 0);
     EXPECT_EQ(DestroyYAX_FP(nullptr), 0);
     EXPECT_EQ(DestroyYAX_Buffer(nullptr), 0);
