@@ -262,13 +262,11 @@ TEST(List, RefusesUnusableRecordsAndCanBeRepeated) {
     YaxInfo *i = ParseYAX(p.c_str(), SIGNATURE_YAX);
     ASSERT_NE(i, nullptr);
     ASSERT_EQ(getYAXList(i), 1);
-    YaxEntry **first_table = i->meta_data;
     ASSERT_EQ(_qlseek64(i->fp, static_cast<int64_t>(file.size()) - 44 + 8, SEEK_SET),
               static_cast<int64_t>(file.size()) - 36);
     ASSERT_EQ(getYAXList(i), 1);
     EXPECT_EQ(i->meta_count, 2u);
     EXPECT_EQ(i->meta_data[1]->offset, tb::rowsFor(kTwo)[1].offset);
-    (void)first_table;
     EXPECT_EQ(DestroyYAX(i), 1);
 }
 
@@ -318,30 +316,4 @@ TEST(Release, NamesOutliveTheTableAndStreamsFollowTheDestroyFlavour) {
     EXPECT_EQ(DestroyYAX_Buffer(nullptr), 0);
     _destroyYAXDataList(nullptr);
     _destroyYAXData(nullptr);
-}
-
-TEST(Rows, AddDataRefusesWhatCannotBeARow) {
-    YAXBUFFER *h = _qbopen(8);
-    YaxEntry *slots[2] = {nullptr, nullptr};
-    YaxInfo rec{};
-    rec.valid = 1;
-    rec.handle = h;
-    rec.file_size = 100;
-    rec.meta_data = slots;
-    rec.meta_count = 2;
-    EXPECT_EQ(_addData(&rec, 10, 20, 0x8000), 0);  // no file stream
-    EXPECT_EQ(_addDataBuffer(&rec, 0, 20, 0x8000), 0);
-    rec.file_size = 0;
-    EXPECT_EQ(_addDataBuffer(&rec, 10, 20, 0x8000), 0);
-    rec.file_size = 100;
-    rec.cur_index = 1;
-    ASSERT_EQ(_addDataBuffer(&rec, 10, 20, (5u << 16) | 0x8000), 1);
-    EXPECT_EQ(rec.cur_index, 1u);  // the cursor is the caller's
-    ASSERT_NE(slots[1], nullptr);
-    EXPECT_EQ(slots[1]->offset, 10u);
-    EXPECT_EQ(slots[1]->length, 20u);
-    EXPECT_EQ(slots[1]->has_sub_info, 1u);
-    EXPECT_EQ(_addDataBuffer(nullptr, 10, 20, 0), 0);
-    _destroyYAXData(slots[1]);
-    _qbclose(h);
 }
