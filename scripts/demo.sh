@@ -18,7 +18,8 @@ cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Debug -DYAX_BUILD_TOOLS=ON >"$bu
   || { cat "$build.configure.log"; exit 1; }
 cmake --build "$build" -j "$jobs" --target yax >/dev/null \
   || { echo "demo: building the yax tool failed" >&2; exit 1; }
-yax="$build/tools/yax"
+bin="$build/tools/yax"
+yax() { "$bin" "$@"; }
 
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
@@ -26,29 +27,34 @@ cp "$root/tests/data/sample.jpg" "$work/photo.jpg"
 cd "$work"
 
 show() { echo "\$ $*"; "$@"; }
+fail() { echo "demo: $1" >&2; exit 1; }
 
 printf 'A quiet morning by the lake.\n' > caption.txt
 printf 'camera=test;lens=50mm' > settings.txt
 head -c 3000 /dev/urandom > blob.bin
 echo "photo.jpg: $(wc -c < photo.jpg) bytes"
 
-show "$yax" put photo.jpg caption caption.txt
-show "$yax" put photo.jpg blob - --type 7 --sub-info settings.txt < blob.bin
-show "$yax" list photo.jpg
+show yax put photo.jpg caption caption.txt
+show yax put photo.jpg blob - --type 7 --sub-info settings.txt < blob.bin
+show yax list photo.jpg
 
-show "$yax" get photo.jpg blob -o blob.out
-cmp blob.bin blob.out && echo "blob read back byte for byte"
-[ "$("$yax" get photo.jpg blob --sub-info)" = "camera=test;lens=50mm" ] && echo "sub-information read back"
+show yax get photo.jpg blob -o blob.out
+cmp blob.bin blob.out || fail "the blob read back differs"
+echo "blob read back byte for byte"
+[ "$(yax get photo.jpg blob --sub-info)" = "camera=test;lens=50mm" ] || fail "the sub-information read back differs"
+echo "sub-information read back"
 
 printf 'An evening by the lake.\n' > caption2.txt
-show "$yax" put photo.jpg caption caption2.txt --replace
-cmp caption2.txt <("$yax" get photo.jpg caption) && echo "caption replaced"
-show "$yax" rm photo.jpg blob
-show "$yax" list photo.jpg --json
+show yax put photo.jpg caption caption2.txt --replace
+cmp caption2.txt <(yax get photo.jpg caption) || fail "the caption was not replaced"
+echo "caption replaced"
+show yax rm photo.jpg blob
+show yax list photo.jpg --json
 echo "photo.jpg: $(wc -c < photo.jpg) bytes"
 
-djpeg photo.jpg > decoded.ppm
+djpeg photo.jpg > decoded.ppm || fail "djpeg cannot decode the edited image"
 echo "djpeg still decodes the edited image: $(head -c 2 decoded.ppm) $(wc -c < decoded.ppm) bytes"
 
-show "$yax" clear photo.jpg
-cmp photo.jpg "$root/tests/data/sample.jpg" && echo "after clear the image is byte for byte the original"
+show yax clear photo.jpg
+cmp photo.jpg "$root/tests/data/sample.jpg" || fail "after clear the image differs from the original"
+echo "after clear the image is byte for byte the original"
