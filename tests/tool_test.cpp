@@ -348,8 +348,9 @@ TEST_F(ToolTest, DamagedTrailer) {
     EXPECT_EQ(verbose.err.substr(verbose.err.size() - why.size() - 6), "yax: " + why + "\n");
 }
 
-// Legacy audio and TonePhoto entries are listed with their kinds.
-TEST_F(ToolTest, ListsAudio) {
+// Legacy audio and TonePhoto entries are listed with their kinds; fast edits
+// refuse legacy audio, a normal save converts it.
+TEST_F(ToolTest, LegacyAudioAndTonePhoto) {
     std::string sound(40, 's');
     uint32_t start = static_cast<uint32_t>(jpeg.size());
     Bytes legacy = jpeg + bytesOf(sound) + tb::vonoBlock({{start, start + 40}});
@@ -357,6 +358,28 @@ TEST_F(ToolTest, ListsAudio) {
     Outcome list = yax({"list", image});
     EXPECT_EQ(list.code, 0) << list.err;
     EXPECT_EQ(list.out, "audio0\t-\t-\t40\t-\t" + std::to_string(start) + "\tlegacy-audio\n");
+
+    // Fast edits leave legacy audio alone and say so.
+    expectFailure(yax({"put", image, "a", "--fast"}, "x"),
+                  image + ": --fast cannot edit a file that holds legacy audio; save without --fast");
+    expectFailure(yax({"clear", image, "--fast"}),
+                  image + ": --fast cannot remove legacy audio; clear without --fast");
+    EXPECT_EQ(tu::readFile(image), legacy);
+
+    // A normal save turns the legacy sound into TonePhoto entries first.
+    ASSERT_EQ(yax({"put", image, "note", "--type", "5"}, "hi").code, 0);
+    Outcome converted = yax({"list", image});
+    std::vector<std::string> rows = split(converted.out, '\n');
+    ASSERT_EQ(rows.size(), 4u) << converted.out;
+    // The legacy header is kept behind the trailer and points at the sound entry's payload.
+    std::string soundAt = std::to_string(start + 8 + 13);
+    EXPECT_EQ(rows[0], "0\tTonePhoto_000\t256\t40\t0\t" + soundAt + "\ttonephoto-sound");
+    EXPECT_EQ(rows[3], "audio0\t-\t-\t40\t-\t" + soundAt + "\tlegacy-audio");
+    EXPECT_EQ(rows[1].rfind("1\tTonePhoto_Meta_Info\t2048\t", 0), 0u) << rows[1];
+    EXPECT_EQ(rows[2].rfind("2\tnote\t5\t2\t0\t", 0), 0u) << rows[2];
+    EXPECT_EQ(yax({"get", image, "TonePhoto_000"}).out, sound);
+    Bytes after = tu::readFile(image);
+    EXPECT_TRUE(std::equal(jpeg.begin(), jpeg.end(), after.begin()));
 
     tb::Entry tone{256, "TonePhoto_000", sound, ""};
     tb::Entry meta{2048, "TonePhoto_Meta_Info", text(tb::toneList({"TonePhoto_000"})), ""};
