@@ -263,6 +263,12 @@ TEST(Check, FilesWithoutTrailerAndOpenFailures) {
     EXPECT_EQ(tu::capture([&] { EXPECT_EQ(checkYAXInFile(liar.c_str()), nullptr); }),
               tu::errLine("YAX::ParseYAX_FP", "file has no suond OFFS") +
                   tu::errLine("YAX::ParseYAXList", "Wrong YAX_info"));
+    // Legacy audio without a trailer: the parse finds no tail, silently, and
+    // the list call reports the missing record.
+    std::string vono = dir.path("vono.jpg");
+    tu::writeFile(vono, tb::fakeImage(100) + tb::vonoBlock({{10, 60}}));
+    EXPECT_EQ(tu::capture([&] { EXPECT_EQ(checkYAXInFile(vono.c_str()), nullptr); }),
+              tu::errLine("YAX::ParseYAXList", "Wrong YAX_info"));
     EXPECT_EQ(openFds(), fds);
 }
 
