@@ -123,16 +123,13 @@ std::optional<std::string> unusable(const std::string &path, bool forWriting) {
     return std::nullopt;
 }
 
+// Reads to the end, or stops one byte past the largest payload a save takes
+// (enough to refuse it).
 bool readStream(FILE *in, std::vector<unsigned char> &out) {
-    unsigned char chunk[kChunk];
+    std::vector<unsigned char> chunk(kChunk);
     size_t n;
-    while ((n = std::fread(chunk, 1, sizeof chunk, in)) > 0) {
-        if (out.size() + n > kMaxPayload + 1) {  // enough to tell "too big"
-            out.insert(out.end(), chunk, chunk + n);
-            return true;
-        }
-        out.insert(out.end(), chunk, chunk + n);
-    }
+    while (out.size() <= kMaxPayload && (n = std::fread(chunk.data(), 1, chunk.size(), in)) > 0)
+        out.insert(out.end(), chunk.begin(), chunk.begin() + static_cast<std::ptrdiff_t>(n));
     return !std::ferror(in);
 }
 
@@ -624,10 +621,14 @@ int main(int argc, char **argv) {
         return kUsage;
     }
 
-    if (list->parsed()) return cmdList(file, json);
-    if (get->parsed()) return cmdGet(file, name, out, subInfo);
-    if (put->parsed()) return cmdPut(file, name, data, type, subFile, replace, fast);
-    if (rm->parsed()) return cmdRemove(file, names, fast);
-    if (clear->parsed()) return cmdClear(file, fast);
+    try {
+        if (list->parsed()) return cmdList(file, json);
+        if (get->parsed()) return cmdGet(file, name, out, subInfo);
+        if (put->parsed()) return cmdPut(file, name, data, type, subFile, replace, fast);
+        if (rm->parsed()) return cmdRemove(file, names, fast);
+        if (clear->parsed()) return cmdClear(file, fast);
+    } catch (const std::bad_alloc &) {
+        return fail("out of memory");
+    }
     return kUsage;
 }
