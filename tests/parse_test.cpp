@@ -67,10 +67,7 @@ TEST(Parse, RecordRowsAndTheDataStartBehindBoxesAndLegacyAudio) {
         both(kHost + t + vono, sig, 1, [&](YaxInfo *i) { EXPECT_EQ(i->header_offset, 36u + 38u); });
     // A box head in front of block 0 is taken off the data start.
     const Bytes box = tb::Builder().u32be(uint32_t(t.size() + 8)).str("yaxd").done();
-    both(kHost + box + t, SIGNATURE_YAX, 1, [&](YaxInfo *i) {
-        EXPECT_EQ(i->data_start_position, 100);
-        EXPECT_EQ(i->fp ? checkSignatureMP4Tag(i) : checkSignatureMP4TagBuffer(i), 1);
-    });
+    both(kHost + box + t, 3, 1, [&](YaxInfo *i) { EXPECT_EQ(i->data_start_position, 100); });
     // Releasing rows leaves a name alone: whoever took it over frees it.
     both(kHost + t, SIGNATURE_YAX, 1, [](YaxInfo *i) {
         char *name = static_cast<char *>(_qmalloc(6));
@@ -103,12 +100,14 @@ TEST(Parse, FailuresAndTheirLinesOnBothFlavours) {
                                                         "YAX version is too old to parse the source file")},
         // The refused seek 10 bytes before a 4-byte end reports -1.
         {tb::bytes("YAXT"), SIGNATURE_VONO_YAX, -1,
-         tu::errLine("_qlseek", "errno : 22") + parseErr("File Search Error -1"), parseErr("File Search Error -1")},
+         tu::errLine("_qlseek", "errno : 22") + parseErr("File Search Error -1"),
+         parseErr("File Search Error -1")},
         // An 8-byte tail at the very start: position 0 counts as a failure.
         {tb::Builder().u32(20).str("YAXT").done(), 3, -1, search}, {Bytes(), 3, -1, search},
         // The row bound counts header_offset twice: 32 + 12 + 20 bytes are
         // needed, so the host must be 12 bytes although the rows fit in less.
-        {tb::fakeImage(11) + one, 3, 0, listErr("header is bigger then file -> that's not true!!")},
+        {tb::fakeImage(11) + one, 3, 0,
+         listErr("header is bigger then file -> that's not true!!")},
         {tb::fakeImage(12) + one, 3, 1, ""},
     };
     for (const Case &c : cases) {
