@@ -2,8 +2,6 @@
 // after an insert, the legacy block behind the new tail, where a fast add puts
 // its block, the log lines of every refusal, how failed writes are noticed,
 // the size check and temporary names.
-#include <gtest/gtest.h>
-
 #include <csignal>
 #include <functional>
 #include <sys/resource.h>
@@ -34,15 +32,14 @@ const void *subOf(const Entry &e) { return e.sub.empty() ? nullptr : e.sub.data(
 // A parsed trailer as the parser would leave it, built by hand.
 struct HandInfo {
     YaxInfo info{};
-    std::vector<YaxEntry> rows;
+    std::vector<YaxEntry> rows;  // and pointers to them, as the record holds them
     std::vector<YaxEntry *> ptrs;
     HandInfo(const std::vector<tb::Row> &t, size_t file_size, uint32_t after_tail = 0) : rows(t.size()) {
         for (size_t i = 0; i < t.size(); ++i) {
             rows[i].meta_type = t[i].meta_type, rows[i].offset = t[i].offset, rows[i].length = t[i].length;
             ptrs.push_back(&rows[i]);
         }
-        info.valid = 1, info.version = 105, info.file_size = static_cast<int64_t>(file_size);
-        info.meta_count = n32(t), info.meta_data = ptrs.data();
+        info.valid = 1, info.version = 105, info.file_size = static_cast<int64_t>(file_size), info.meta_count = n32(t), info.meta_data = ptrs.data();
         info.header_offset = 20 + 12 * n32(t) + after_tail;
     }
 };
@@ -96,19 +93,8 @@ void expectCases(const std::vector<Case> &cases) {
 
 }  // namespace
 
-TEST(Add, FirstAddWritesTheBlockAndAOneRowHeader) {
-    const Bytes want = kImage + tb::trailer({kCaption});
-    // (the path and FILE* flavours' bytes are compared through the save calls)
-    EXPECT_EQ(onBuffer(kImage, 8192, [](YAXBUFFER *h) { return AddYAXDataInFirstTimeBuffer(h, ARGS(kCaption)); }), want);
-    // an empty buffer takes a first trailer (an empty file is refused below)
-    EXPECT_EQ(onBuffer({}, 256, [](YAXBUFFER *h) { return AddYAXDataInFirstTimeBuffer(h, ARGS(kA)); }), tb::trailer({kA}));
-    // sub-information needs both bytes and a length
-    const Bytes plain = kImage + tb::trailer({Entry{7, "caption", "hello world", ""}});
-    EXPECT_EQ(onFile(kImage, [](FILE *fp) { return AddYAXDataInFirstTimeFP(fp, "caption", 7, 7, "meta", 0, "hello world", 11); }), plain);
-    EXPECT_EQ(onFile(kImage, [](FILE *fp) { return AddYAXDataInFirstTimeFP(fp, "caption", 7, 7, nullptr, 9, "hello world", 11); }), plain);
-}
-
-// Refusals of every add, each with its exact lines; nothing is written.
+// Refusals of every add and of the size check, each with its exact lines;
+// nothing is written.
 TEST(Add, RefusalsLogUnderEachFunctionsTags) {
     tu::TempDir dir;
     const std::string path = dir.path("p.jpg"), empty = dir.path("e.jpg"), missing = dir.path("gone.jpg");
@@ -124,6 +110,9 @@ TEST(Add, RefusalsLogUnderEachFunctionsTags) {
                       E = "YAXEncoder::AddYAXDataFP", D = "YAX::AddDirectYAXDataFP",
                       DF = "YAXEncoder::AddDirectYAXDataInFirstTimeFP", seek = errLine("_qlseek", "errno : 22"),
                       tag = errLine("YAXInternal::_writeDataTagInfo", "File Write Error");
+    HandInfo size({{1u << 16, 100, 100}}, 5000);  // header_offset 32: 10 + sub + data + 32 + 100 + 16
+    const uint32_t at_limit = 0xFFF00000u - 158;
+    const std::string no_room = errLine("checkYAXInfoForSaving", "There is no storage for saving YAX data in the source file, delete a yax data");
     expectCases({
         {CALL(AddYAXDataInFirstTime(p, "n", 1, 0, nullptr, 0, "d", 1)), errLine(P, kUserMsg)},
         {CALL(AddYAXDataInFirstTime(p, "n", 0, 1, nullptr, 0, "d", 1)), errLine(P, "name null")},
@@ -153,6 +142,10 @@ TEST(Add, RefusalsLogUnderEachFunctionsTags) {
         {CALL(FastAddYAXData(&info.info, "n", 1, 0, nullptr, 0, "d", 1, 1)), errLine(P, kUserMsg)},
         {CALL(FastAddYAXData(&info.info, "n", 1, 1, nullptr, 0, "d", 1, 1)), ""},  // no stream
         {CALL(AddYAXDataInFirstTimeBuffer(h, "n", 1, 0, "s", 1, "d", 1)), "", 1},  // type 0 with sub-information
+        // the trailer must stay within 4 GiB less 1 MiB, also when the sum wraps in 32 bits
+        {CALL(checkYAXInfoForSaving(&size.info, at_limit, 0, 10)), "", 1},
+        {CALL(checkYAXInfoForSaving(&size.info, at_limit + 1, 0, 10)), no_room},
+        {CALL(checkYAXInfoForSaving(&size.info, 0xFFFFFFFFu, 0xFFFFFFFFu, 10)), no_room},  // wraps in 32 bits
     });
     _qfclose(ro), _qfclose(efp), _qbclose(h);
     EXPECT_EQ(tu::readFile(path), before);
@@ -200,11 +193,19 @@ TEST(Add, FailedWritesAfterTheBlock) {
     EXPECT_EQ(full, kImage + tb::block(kA) + tb::bytes("YAXH"));
 }
 
-// The new block goes over the old header and every row moves back by it.
-TEST(Add, LaterAddShiftsEveryRowInEveryFlavour) {
+// A first add writes the block and a one-row header; a later one writes its
+// block over the old header and every row moves back by it.
+TEST(Add, FirstAndLaterAddsInEveryFlavour) {
+    // (the path and FILE* flavours' bytes are compared through the save calls)
+    EXPECT_EQ(onBuffer(kImage, 8192, [](YAXBUFFER *h) { return AddYAXDataInFirstTimeBuffer(h, ARGS(kCaption)); }), kImage + tb::trailer({kCaption}));
+    // an empty buffer takes a first trailer (an empty file is refused below)
+    EXPECT_EQ(onBuffer({}, 256, [](YAXBUFFER *h) { return AddYAXDataInFirstTimeBuffer(h, ARGS(kA)); }), tb::trailer({kA}));
+    // sub-information needs both bytes and a length
+    const Bytes plain = kImage + tb::trailer({Entry{7, "caption", "hello world", ""}});
+    EXPECT_EQ(onFile(kImage, [](FILE *fp) { return AddYAXDataInFirstTimeFP(fp, "caption", 7, 7, "meta", 0, "hello world", 11); }), plain);
+    EXPECT_EQ(onFile(kImage, [](FILE *fp) { return AddYAXDataInFirstTimeFP(fp, "caption", 7, 7, nullptr, 9, "hello world", 11); }), plain);
     const Bytes before = kImage + tb::trailer({kA, kB}), want = kImage + tb::trailer({kA, kB, kNew});
-    auto mk = [&] { return HandInfo(tb::rowsFor({kA, kB}), before.size()); };
-    HandInfo b = mk(), p = mk();
+    HandInfo b(tb::rowsFor({kA, kB}), before.size()), p(tb::rowsFor({kA, kB}), before.size());
     EXPECT_EQ(onBuffer(before, 8192, [&](YAXBUFFER *h) { b.info.handle = h; return AddYAXDataBuffer(h, &b.info, ARGS(kNew), nullptr); }), want);
     // the record keeps the shifted offsets and does not get the new row
     EXPECT_EQ(std::vector<uint32_t>({b.rows[0].offset, b.rows[1].offset, b.info.meta_count}), std::vector<uint32_t>({200, 140, 2}));
@@ -224,8 +225,7 @@ TEST(Add, LegacyBlockIsRewrittenBehindTheNewTail) {
     const Bytes legacy = tb::vonoBlock({{4200, 4230}}), before = kImage + tb::trailer({kA}) + legacy, nb = tb::block(kNew),
                 after = kImage + tb::trailer({kA, kNew});
     const Bytes two = tb::Builder().str("VONO").u32(105).u32(2).u32(4200).u32(4230).u32(20).str("VONOBS").done();
-    uint32_t sound[2] = {4200, 4230};
-    VonoInfo vono{};
+    uint32_t sound[2] = {4200, 4230}; VonoInfo vono{};
     vono.count = 1, vono.offsets = sound;
     auto mk = [&] { return HandInfo(tb::rowsFor({kA}), before.size(), 30); };
     HandInfo f = mk(), p = mk(), b = mk(), d = mk();
@@ -265,25 +265,9 @@ TEST(FastAdd, WhereTheBlockGoes) {
     }
 }
 
-TEST(SizeCheck, TrailerMustStayWithin4GiBLess1MiB) {
-    HandInfo h({{1u << 16, 100, 100}}, 5000);  // header_offset 32: 10 + sub + data + 32 + 100 + 16
-    const uint32_t at_limit = 0xFFF00000u - 158;
-    const std::string no_room = errLine("checkYAXInfoForSaving", "There is no storage for saving YAX data in the source file, delete a yax data");
-    expectCases({
-        {CALL(checkYAXInfoForSaving(&h.info, at_limit, 0, 10)), "", 1},
-        {CALL(checkYAXInfoForSaving(&h.info, at_limit + 1, 0, 10)), no_room},
-        {CALL(checkYAXInfoForSaving(&h.info, 0xFFFFFFFFu, 0xFFFFFFFFu, 10)), no_room},  // wraps in 32 bits
-    });
-}
-
 TEST(TempName, FirstFreeNumberBesideThePathStoppingAt998) {
     tu::TempDir dir;
-    auto name = [](const std::string &path) {
-        char *n = _getTempFileName(path.c_str());
-        std::string s = n ? n : "(null)";
-        _qfree(n);
-        return s;
-    };
+    auto name = [](const std::string &path) { char *n = _getTempFileName(path.c_str()); std::string s = n ? n : "(null)"; return _qfree(n), s; };
     char buf[16];
     for (int n = 0; n <= 999; ++n) {
         std::snprintf(buf, sizeof buf, "photo%03d.tmp", n);
