@@ -2,43 +2,30 @@
 // deletion with and without a trailer (whole files compared byte for byte,
 // image still decodes, no temporary file left), the room check's table index,
 // temporary names, extraction and copy.
-#include <gtest/gtest.h>
-
-#include <cstdlib>
 #include <sys/stat.h>
-#include <unistd.h>
+#include <utility>
 
-#include "testutil.hpp"
+#include "api_fixture.hpp"
 #include "yax_support.h"
 #include "yax_vono.h"
 
-using tb::Bytes;
-using tb::operator+;
+using namespace at;
 
 namespace {
 
-uint32_t sz(const Bytes &b) { return static_cast<uint32_t>(b.size()); }
-
 // The block left behind when the sound of a file with a trailer is deleted:
 // count 0, yet one zero pair and a header size of 20.
-const Bytes kEmptyBlock =
-    tb::Builder().str("VONO").u32(105).u32(0).u32(0).u32(0).u32(20).str("VONOBS").done();
+const Bytes kEmptyBlock = tb::Builder().str("VONO").u32(105).u32(0).u32(0).u32(0).u32(20).str("VONOBS").done();
+uint32_t sz(const Bytes &b) { return u32size(b); }
 
-class VonoLegacy : public ::testing::Test {
-protected:
-    tu::TempDir dir;
-    std::string path = dir.path("photo.jpg");
-    const Bytes jpeg = tu::readFile(std::string(YAX_TEST_DATA) + "/sample.jpg");
-
-    void put(const Bytes &b) { tu::writeFile(path, b); }
-    Bytes now() const { return tu::readFile(path); }
-    // The file is as expected, a decoder still reads its image (where one is
-    // installed), and no temporary file outlived the edit.
+struct VonoLegacy : ApiTest {
+    const std::string &path = file;
+    const Bytes jpeg = host();
+    // the file as expected, its image still decoding, no temporary file left
     void expectFile(const Bytes &want) const {
         EXPECT_EQ(now(), want);
-        EXPECT_EQ(dir.list(), std::vector<std::string>{"photo.jpg"});
-        EXPECT_TRUE(access("/usr/bin/djpeg", X_OK) != 0 ||
-                    std::system(("/usr/bin/djpeg '" + path + "' >/dev/null 2>&1").c_str()) == 0);
+        expectAlone();
+        expectDecodes();
     }
 };
 
@@ -46,22 +33,17 @@ protected:
 
 TEST_F(VonoLegacy, AddReplaceAndDeleteWithAndWithoutATrailer) {
     const uint32_t p = sz(jpeg);
-    const Bytes s1 = tb::bytes("RIFF....sound bytes...."), s2 = tb::bytes("second take"),
-                s3 = tb::bytes("third, a little longer sound");
+    const Bytes s1 = tb::bytes("RIFF....sound bytes...."), s2 = tb::bytes("second take"), s3 = tb::bytes("third, longer");
     for (bool withTrailer : {false, true}) {
         SCOPED_TRACE(withTrailer);
-        const Bytes trailer =
-            withTrailer ? tb::trailer({{1, "alpha", "payload-one", ""}, {7, "beta", "pp", "sub"}})
-                        : Bytes{};
-        auto file = [&](const Bytes &s) {
-            return jpeg + s + trailer + tb::vonoBlock({{p, p + sz(s)}});
-        };
+        const Bytes trailer = withTrailer ? tb::trailer({{1, "alpha", "payload-one", ""}, {7, "beta", "pp", "sub"}}) : Bytes{};
+        auto withSound = [&](const Bytes &s) { return jpeg + s + trailer + vono1(p, p + sz(s)); };
         const std::string where = withTrailer ? "meta not null\n" : "meta null\n";
-        put(withTrailer ? file(s1) : jpeg);
+        put(withTrailer ? withSound(s1) : jpeg);
         if (!withTrailer) {
             EXPECT_EQ(AddVonoSoundInFirstTime(path.c_str(), s1.data(), sz(s1)), p + sz(s1) + 30);
         }
-        expectFile(file(s1));
+        expectFile(withSound(s1));
 
         // Replacing: the old sound is cut, the new one goes where it was. The
         // result is the new size, or with a trailer the delete's 1. The
@@ -72,13 +54,12 @@ TEST_F(VonoLegacy, AddReplaceAndDeleteWithAndWithoutATrailer) {
         EXPECT_EQ(r, withTrailer ? 1 : static_cast<int>(p + sz(s2) + 30));
         EXPECT_EQ(v->fp, nullptr);
         DestroyVono(v);
-        expectFile(file(s2));
+        expectFile(withSound(s2));
 
         EXPECT_EQ(tu::capture([&] { EXPECT_EQ(deleteAVono(path.c_str()), 1); }), where);
         expectFile(withTrailer ? jpeg + trailer + kEmptyBlock : jpeg);
         // nothing left to delete; a record without sounds says so
-        EXPECT_EQ(tu::capture([&] { EXPECT_EQ(deleteAVono(path.c_str()), 0); }),
-                  withTrailer ? "sound_count 0\n" : "");
+        EXPECT_EQ(tu::capture([&] { EXPECT_EQ(deleteAVono(path.c_str()), 0); }), withTrailer ? "sound_count 0\n" : "");
 
         // Adding to a record without sounds: with a trailer the sound goes in
         // front of it but the add reports the (absent) delete's 0; without a
@@ -87,7 +68,7 @@ TEST_F(VonoLegacy, AddReplaceAndDeleteWithAndWithoutATrailer) {
         const Bytes before = now();
         tu::capture([&] { EXPECT_EQ(addVonoSound(path.c_str(), v, s3.data(), sz(s3)), 0); });
         DestroyVono(v);
-        expectFile(withTrailer ? file(s3) : before);
+        expectFile(withTrailer ? withSound(s3) : before);
     }
     // without a record nothing is written, trailer or not
     const Bytes last = now();
@@ -127,20 +108,19 @@ TEST_F(VonoLegacy, MalformedBlocksLeaveFilesAlone) {
     const Bytes img = tb::fakeImage(300);
     // a header size that overflows when the tail probe is added; a count the file cannot hold
     for (const Bytes &f : {img + tb::vonoBlock({{1, 2}}, 105, 0xFFFFFFFFu),
-                           img + tb::Builder().str("VONO").u32(105).u32(0x40000000u).u32(300)
-                                     .u32(301).u32(20).str("VONOBS").done()}) {
+                           img + tb::Builder().str("VONO").u32(105).u32(0x40000000u).u32(300).u32(301).u32(20).str("VONOBS").done()}) {
         put(f);
         tu::capture([&] {
             EXPECT_EQ(deleteAVono(path.c_str()) + hasYAXData(path.c_str(), nullptr), 0);
             EXPECT_EQ(_copyAudioData(path.c_str(), dir.path("other.jpg").c_str()), 1);
         });
         EXPECT_EQ(now(), f);
-        EXPECT_EQ(dir.list(), std::vector<std::string>{"photo.jpg"});
+        expectAlone();
     }
 }
 
 TEST_F(VonoLegacy, HasYaxDataAndStreamDelete) {
-    const Bytes img = tb::fakeImage(120), f = img + tb::bytes("sound") + tb::vonoBlock({{120, 125}});
+    const Bytes img = tb::fakeImage(120), f = img + tb::bytes("sound") + vono1(120, 125);
     put(f);
     EXPECT_EQ(tu::capture([&] { EXPECT_EQ(hasYAXData(path.c_str(), nullptr), 1); }), "meta null\n");
     // The stream delete only positions the caller's stream at the sound, for
@@ -158,22 +138,19 @@ TEST_F(VonoLegacy, HasYaxDataAndStreamDelete) {
     put(tb::bytes("ab") + tb::vonoBlock({{0, 1}}));
     VonoInfo *v = ParseVono(path.c_str());
     EXPECT_EQ(tu::capture([&] { EXPECT_EQ(hasYAXData(path.c_str(), v), 0); }),
-              tu::errLine("_qlseek", "errno : 22") +
-                  tu::errLine("VonoAPIs::hasYAXData", "File Search Error"));
+              tu::errLine("_qlseek", "errno : 22") + tu::errLine("VonoAPIs::hasYAXData", "File Search Error"));
     DestroyVono(v);
 }
 
 TEST_F(VonoLegacy, RoomCheckReadsTheOddTableIndex) {
-    const std::string msg = tu::errLine(
-        "checkVonoInfoForSaving",
-        "There is no space for saving YAX data in the source file, a vnoo data");
+    const std::string msg = tu::errLine("checkVonoInfoForSaving",
+                                        "There is no space for saving YAX data in the source file, a vnoo data");
     // tables allocated exactly, so a read in front of one would be caught
-    auto *t1 = static_cast<uint32_t *>(_qmalloc(8)), *t2 = static_cast<uint32_t *>(_qmalloc(16));
-    const uint32_t words[] = {500000, 900000, 100, 1000, 1000, 7000000};
-    std::copy(words, words + 2, t1);
-    std::copy(words + 2, words + 6, t2);
-    VonoInfo none{}, one{0, 0, 0, 0, 1, 0, 0, nullptr, nullptr, t1},
-        two{0, 0, 0, 0, 2, 0, 0, nullptr, nullptr, t2};
+    auto table = [](std::initializer_list<uint32_t> w) {
+        return std::copy(w.begin(), w.end(), static_cast<uint32_t *>(_qmalloc(w.size() * 4))) - w.size();
+    };
+    VonoInfo none{}, one{0, 0, 0, 0, 1, 0, 0, nullptr, nullptr, table({500000, 900000})},
+        two{0, 0, 0, 0, 2, 0, 0, nullptr, nullptr, table({100, 1000, 1000, 7000000})};
     // No sound: 22 and the three sizes must stay below 0xFFF00001. One sound:
     // index -1, the word in front of the table, which in the block is the
     // count (1). Two: index 1, the end of the first (not the last) sound. The
@@ -186,20 +163,17 @@ TEST_F(VonoLegacy, RoomCheckReadsTheOddTableIndex) {
     };
     for (const auto &c : cases) {
         int ok = -1;
-        EXPECT_EQ(tu::capture([&] { ok = checkVonoInfoForSaving(c.info, c.s1, c.s2, c.s3); }),
-                  c.ok ? "" : msg);
+        EXPECT_EQ(tu::capture([&] { ok = checkVonoInfoForSaving(c.info, c.s1, c.s2, c.s3); }), c.ok ? "" : msg);
         EXPECT_EQ(ok, c.ok) << c.s1;
     }
-    _qfree(t1);
-    _qfree(t2);
+    _qfree(one.offsets), _qfree(two.offsets);
 }
 
 TEST_F(VonoLegacy, TemporaryNamesCycleTheFirstDigit) {
     auto name = [](const char *p) {
         char *n = _getVonoTempFileName(p);
         const std::string s = n ? n : "(null)";
-        _qfree(n);
-        return s;
+        return _qfree(n), s;
     };
     EXPECT_EQ(name(path.c_str()), dir.path("photo000.tmp"));
     EXPECT_EQ(name(".jpg") + name(""), "(null)(null)");  // extension index 0, none
@@ -211,8 +185,7 @@ TEST_F(VonoLegacy, TemporaryNamesCycleTheFirstDigit) {
 }
 
 TEST_F(VonoLegacy, SoundExtractionAndCopy) {
-    const Bytes sound = tb::bytes("extract me please"), src = tb::fakeImage(64) + sound +
-                                                             tb::vonoBlock({{64, 64 + 17}});
+    const Bytes sound = tb::bytes("extract me please"), src = tb::fakeImage(64) + sound + vono1(64, 64 + 17);
     put(src);
     VonoInfo *v = _checkAudioInImageFile(path.c_str());
     unsigned char *bytes = _getAudioStreamBuffer(v);
@@ -223,16 +196,14 @@ TEST_F(VonoLegacy, SoundExtractionAndCopy) {
     EXPECT_EQ(_getSoundFileCreate(v, out.c_str()), 17);
     EXPECT_EQ(tu::readFile(out), sound);
     // without a stream the buffer goes out unread
-    FILE *keep = v->fp;
-    v->fp = nullptr;
+    FILE *keep = std::exchange(v->fp, nullptr);
     EXPECT_EQ(tu::capture([&] { EXPECT_EQ(_getSoundFileCreate(v, out.c_str()), 17); }), "file null\n");
     EXPECT_EQ(tu::readFile(out), Bytes(17, 0));
     EXPECT_EQ(_getAudioStreamBuffer(v), nullptr);
     v->fp = keep;
     // ranges that cannot be a sound of this file give nothing
     for (auto [s, e] : {std::pair{0u, 10u}, {90u, 70u}}) {
-        v->offsets[0] = s;
-        v->offsets[1] = e;
+        v->offsets[0] = s, v->offsets[1] = e;
         EXPECT_EQ(_getAudioStreamBuffer(v), nullptr);
     }
     EXPECT_EQ(_getSoundFileCreate(v, out.c_str()), 0);  // an end in front of the start
@@ -245,9 +216,8 @@ TEST_F(VonoLegacy, SoundExtractionAndCopy) {
     const uint32_t p = sz(jpeg), q = p + 17 + 30;
     put(jpeg);
     EXPECT_EQ(_copyAudioData(from.c_str(), path.c_str()), 1);
-    EXPECT_EQ(tu::capture([&] { EXPECT_EQ(_copyAudioData(from.c_str(), path.c_str()), 1); }),
-              "meta null\n");
-    const Bytes twice = jpeg + sound + tb::vonoBlock({{p, p + 17}}) + sound + tb::vonoBlock({{q, q + 17}});
+    EXPECT_EQ(tu::capture([&] { EXPECT_EQ(_copyAudioData(from.c_str(), path.c_str()), 1); }), "meta null\n");
+    const Bytes twice = jpeg + sound + vono1(p, p + 17) + sound + vono1(q, q + 17);
     EXPECT_EQ(now(), twice);
     // a source without Vono data: nothing happens, still 1
     tu::writeFile(from, jpeg);
