@@ -75,18 +75,18 @@ TEST(FilePrimitives, ByteOrdersFailureLinesAndCopy) {
 }
 
 TEST(BufferStream, WritesReadsAndSeeksAreAllOrNothing) {
-    YAXBUFFER *b = _qbopen(10);
+    YAXBUFFER *b = _qbopen(12);
     ASSERT_NE(b, nullptr);
-    EXPECT_EQ(b->buffer[10], 'Q');
+    EXPECT_EQ(b->buffer[12], 'Q');
     EXPECT_EQ(_qbwriteInt32(0x11223344u, b) + _qbwriteInt32_endian(0x11223344u, b), 8);
     EXPECT_EQ(_qbwriteInt16(0x1122, b), 2);
     EXPECT_EQ(Bytes(b->buffer, b->buffer + 10), kOrders);
-    EXPECT_EQ(_qbwrite("x", 1, b), 0);  // full: nothing written
+    EXPECT_EQ(_qbwrite("xyz", 3, b), 0);  // two bytes of room: nothing written
     EXPECT_EQ(_qbseek(b, 2, SEEK_SET), 2);
     EXPECT_EQ(_qbwrite("\x01\x02", 2, b), 2);  // overwriting keeps the written size
     EXPECT_EQ(qbgetWriteSize(b), 10);
     unsigned char out[8] = {};
-    EXPECT_EQ(_qbread(out, 7, b), 0);  // past the written size: nothing read
+    EXPECT_EQ(_qbread(out, 7, b), 0);  // past the written size, inside the capacity: nothing read
     EXPECT_EQ(_qbtell(b), 4);
     EXPECT_EQ(_qbread(out, 6, b), 6);
     EXPECT_EQ(Bytes(out, out + 6), Bytes(kOrders.begin() + 4, kOrders.end()));
