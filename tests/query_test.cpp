@@ -12,13 +12,12 @@
 #include "yax_container.h"
 #include "yax_support.h"
 
-using tb::Entry;
 using tb::operator+;
 
 namespace {
 
 constexpr int64_t kHost = 150;
-const std::vector<Entry> kEntries = {
+const std::vector<tb::Entry> kEntries = {
     {7, "alpha", "payload-one", ""}, {0, "beta", "xy", "SUBINFO"}, {7, "gamma", "3333", "s"},
     {9, "empty", "", ""}};
 
@@ -29,9 +28,8 @@ using Span = std::pair<int64_t, int64_t>;
 void release(YAXOFFSET *o) { destroyYAXOFFSET(o); }
 void release(YAXOFFSET64 *o) { destroyYAXOFFSET64(o); }
 template <typename O> Span span(O *o) {
-    Span v = o ? Span(o->offset, o->length) : Span(-1, -1);
-    release(o);
-    return v;
+    const Span v = o ? Span(o->offset, o->length) : Span(-1, -1);
+    return release(o), v;
 }
 std::string str(const unsigned char *p, uint32_t n) { return p ? std::string((const char *)p, n) : "-"; }
 
@@ -55,7 +53,7 @@ TEST(Query, RecordPositionsExtractionListsAndSearchLines) {
     destroyYAXDATA(r);
     int64_t block = kHost;
     for (uint32_t k = 0; k < 3; ++k) {
-        const Entry &e = kEntries[k];
+        const tb::Entry &e = kEntries[k];
         const char *n = d->YAX_name_list[k];
         EXPECT_EQ(n, e.name);
         const int64_t sub_at = block + 8 + (e.hasSub() ? 4 : 0) + int64_t(e.name.size());
