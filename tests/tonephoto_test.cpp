@@ -180,7 +180,6 @@ TEST_F(ToneFile, ReadersOnGoodMissingEmptyAndOverrunningLists) {
     make(tb::toneList({"a", std::string("ra\0in", 5)}));
     ASSERT_EQ(yd->tonephoto_count, 2u);  // filled by the check function
     EXPECT_EQ(names(), std::make_tuple(1, Names{"a", "ra"}, 2));
-    EXPECT_EQ(isVonoMetaInfo(yd), 1);
     YAXDATA_UNIT *meta = extractYAXDataFromFilebyName(yd, kMeta.c_str(), 19);
     char *name = nullptr;
     EXPECT_EQ(getTonePhotoNameByIndex(meta, &name, 2) * 2 + getTonePhotoNameByIndex(meta, &name, 0), 1);
@@ -192,7 +191,6 @@ TEST_F(ToneFile, ReadersOnGoodMissingEmptyAndOverrunningLists) {
 
     make(std::nullopt);
     EXPECT_EQ(names(), std::make_tuple(-1, Names{}, -1));
-    EXPECT_EQ(isVonoMetaInfo(yd), 0);
     // an empty list, then lists whose count, a length or a wrapping length
     // reach past the payload, and one without a count: no names; the
     // overrunning ones are refused by the edits and the name readers too

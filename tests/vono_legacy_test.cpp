@@ -188,10 +188,6 @@ TEST_F(VonoLegacy, SoundExtractionAndCopy) {
     const Bytes sound = tb::bytes("extract me please"), src = tb::fakeImage(64) + sound + vono1(64, 64 + 17);
     put(src);
     VonoInfo *v = _checkAudioInImageFile(path.c_str());
-    unsigned char *bytes = _getAudioStreamBuffer(v);
-    ASSERT_NE(bytes, nullptr);
-    EXPECT_EQ(Bytes(bytes, bytes + 17), sound);
-    _qfree(bytes);
     const std::string out = dir.path("sound.raw");
     EXPECT_EQ(_getSoundFileCreate(v, out.c_str()), 17);
     EXPECT_EQ(tu::readFile(out), sound);
