@@ -13,6 +13,7 @@
 
 using namespace at;
 using Names = std::vector<std::string>;
+using tu::errLine;
 
 namespace {
 
@@ -20,7 +21,8 @@ const std::string kMeta = "TonePhoto_Meta_Info";
 uint32_t sz(const std::string &s) { return static_cast<uint32_t>(s.size()); }
 Entry sound(const std::string &name, const std::string &bytes) { return {256, name, bytes, ""}; }
 Entry listEntry(const Bytes &p) { return {2048, kMeta, std::string(p.begin(), p.end()), ""}; }
-const Bytes kHead = tb::Builder().str("VONO").u32(105).done(), kTail = tb::Builder().u32(20).str("VONOBS").done();
+const Bytes kHead = tb::Builder().str("VONO").u32(105).done();
+const Bytes kTail = tb::Builder().u32(20).str("VONOBS").done();
 struct Tone : ApiTest {};
 Bytes contents(FILE *fp) {
     Bytes b(std::ftell(fp));
@@ -50,7 +52,7 @@ TEST(TonePayload, ListFromScratchAndTheVonoBlockWriters) {
     // marker never lands and the block counts as not written.
     YAXBUFFER *buf = _qbopen(64);
     EXPECT_EQ(tu::capture([&] { EXPECT_EQ(_writeVonoHeaderBuffer(buf, 700, 900), 0); }),
-              tu::errLine("YAXSystemFile::_qfwrite", "write ret != write size_of_byte  ==> fail(-1 != 6)"));
+              errLine("YAXSystemFile::_qfwrite", "write ret != write size_of_byte  ==> fail(-1 != 6)"));
     EXPECT_EQ(Bytes(qbgetBuffer(buf), qbgetBuffer(buf) + qbgetWriteSize(buf)),
               kHead + tb::Builder().u32(1).u32(700).u32(900).u32(20).done());
     _qbclose(buf);
@@ -60,30 +62,32 @@ TEST(TonePayload, ListFromScratchAndTheVonoBlockWriters) {
 }
 
 TEST_F(Tone, AddRefusalsAndFailedWritesWithTheirLines) {
-    const std::string first = "YAXEncoder::NewAddVonoDataInFirstTime", fp = first + "FP", add = "YAXEncoder::NewAddVonoData";
+    const std::string first = "YAXEncoder::NewAddVonoDataInFirstTime", fp = first + "FP";
+    const std::string add = "YAXEncoder::NewAddVonoData", tag = "YAXInternal::_writeDataTagInfo";
     const char *f = (put(host()), file.c_str());
     FILE *atStart = _qfopen(f, "r+b"), *readOnly = _qfopen(f, "rb");
     _qlseek64(readOnly, 0, SEEK_END);
     YaxInfo noFile{};
-    // the stream flavour's argument messages keep their trailing blank; the add says NULL in upper case
+#define CALL(x) [&] { return x; }
+    // one argument check per flavour: the stream flavour's messages keep their
+    // trailing blank, the add says NULL in upper case
     const std::pair<std::function<int()>, std::string> cases[] = {
-        {[&] { return NewAddVonoDataInFirstTime(f, 1, 1, "a", 1, nullptr, 5, "m", 1); }, tu::errLine(first, "vono_data null")},
-        {[&] { return NewAddVonoDataInFirstTime(f, 1, 1, "a", 1, "d", 1, "m", 0); }, tu::errLine(first, "vono_info_data null")},
-        {[&] { return NewAddVonoDataInFirstTime("/none/p.jpg", 1, 1, "a", 1, "d", 1, "m", 1); }, tu::errLine(first, "file open error")},
-        {[&] { return NewAddVonoDataInFirstTimeFP(nullptr, 1, 1, "a", 1, "d", 0, "m", 1); },
-         tu::errLine(fp, "vono_data == VELTA_YAX_NULL || vono_data_size <= 0 ")},
-        {[&] { return NewAddVonoDataInFirstTimeFP(nullptr, 1, 1, "a", 1, "d", 1, nullptr, 1); },
-         tu::errLine(fp, "vono_info_data == VELTA_YAX_NULL || vono_info_data_size <= 0 ")},
-        {[&] { return NewAddVonoDataInFirstTimeFP(nullptr, 1, 1, "a", 1, "d", 1, "m", 1); }, tu::errLine(fp, "fp == VELTA_YAX_NULL ")},
+        {CALL(NewAddVonoDataInFirstTime(f, 1, 1, "a", 1, nullptr, 5, "m", 1)),
+         errLine(first, "vono_data null")},
+        {CALL(NewAddVonoDataInFirstTime("/none/p.jpg", 1, 1, "a", 1, "d", 1, "m", 1)),
+         errLine(first, "file open error")},
+        {CALL(NewAddVonoDataInFirstTimeFP(nullptr, 1, 1, "a", 1, "d", 0, "m", 1)),
+         errLine(fp, "vono_data == VELTA_YAX_NULL || vono_data_size <= 0 ")},
+        {CALL(NewAddVonoDataInFirstTimeFP(nullptr, 1, 1, "a", 1, "d", 1, "m", 1)),
+         errLine(fp, "fp == VELTA_YAX_NULL ")},
         // at 0 there is nothing to append to; on a read-only stream the first block head fails
-        {[&] { return NewAddVonoDataInFirstTimeFP(atStart, 1, 1, "a", 1, "d", 1, "m", 1); }, tu::errLine(fp, "File Search Error")},
-        {[&] { return NewAddVonoDataInFirstTimeFP(readOnly, 1, 1, "a", 1, "d", 1, "m", 1); },
-         tu::errLine("YAXInternal::_writeDataTagInfo", "File Write Error") + tu::errLine(fp, "File _writeDataTagInfo Error")},
-        {[&] { return NewAddVonoData(&noFile, 1, 1, "a", 1, nullptr, 5, "m", 1); }, tu::errLine(add, "vono_data NULL")},
-        {[&] { return NewAddVonoData(&noFile, 1, 1, "a", 0, "d", 1, "m", 1); }, tu::errLine(add, "vono_name NULL")},
-        {[&] { return NewAddVonoData(&noFile, 1, 1, "a", 1, "d", 1, nullptr, 1); }, tu::errLine(add, "vono_info_data NULL")},
-        {[&] { return NewAddVonoData(nullptr, 1, 1, "a", 1, "d", 1, "m", 1); }, tu::errLine(add, "yax_info NULL")},
-        {[&] { return NewAddVonoData(&noFile, 1, 1, "a", 1, "d", 1, "m", 1); }, tu::errLine(add, "yax_info->fp NULL")},
+        {CALL(NewAddVonoDataInFirstTimeFP(atStart, 1, 1, "a", 1, "d", 1, "m", 1)),
+         errLine(fp, "File Search Error")},
+        {CALL(NewAddVonoDataInFirstTimeFP(readOnly, 1, 1, "a", 1, "d", 1, "m", 1)),
+         errLine(tag, "File Write Error") + errLine(fp, "File _writeDataTagInfo Error")},
+        {CALL(NewAddVonoData(&noFile, 1, 1, "a", 1, nullptr, 5, "m", 1)), errLine(add, "vono_data NULL")},
+        {CALL(NewAddVonoData(nullptr, 1, 1, "a", 1, "d", 1, "m", 1)), errLine(add, "yax_info NULL")},
+        {CALL(NewAddVonoData(&noFile, 1, 1, "a", 1, "d", 1, "m", 1)), errLine(add, "yax_info->fp NULL")},
     };
     for (const auto &[call, line] : cases) {
         int r = -1;
@@ -105,15 +109,17 @@ TEST_F(Tone, AddToAnExistingTrailerOverwritesHeaderTailAndVonoBlock) {
     const uint32_t old0 = info->meta_data[0]->offset;
     EXPECT_EQ(NewAddVonoData(info, 2048, 256, "rain", 4, snd.data(), sz(snd), p2.data(), u32size(p2)), 1);
     // the record's offsets follow the header back
-    EXPECT_EQ(info->meta_data[0]->offset, old0 + tb::blockLength(sound("rain", snd)) + tb::blockLength(listEntry(p2)));
+    const Entry rain = sound("rain", snd), list = listEntry(p2);
+    EXPECT_EQ(info->meta_data[0]->offset, old0 + tb::blockLength(rain) + tb::blockLength(list));
     DestroyYAX(info);
     const uint32_t start = u32size(host() + tb::block(a) + tb::block(b)) + 8 + 4;
-    EXPECT_EQ(now(), host() + tb::trailer({a, b, sound("rain", snd), listEntry(p2)}) + vono1(start, start + sz(snd)));
+    EXPECT_EQ(now(), host() + tb::trailer({a, b, rain, list}) + vono1(start, start + sz(snd)));
 }
 
 TEST(ToneAdd, CustomRowsMoveTheTailRowsUpAndTheMovedRowsDown) {
     YaxEntry e[3] = {};  // offsets 1000, 900, 800; lengths 10, 11, 12; types 1, 2, 3
-    for (uint32_t i = 0; i < 3; ++i) e[i].offset = 1000 - 100 * i, e[i].length = 10 + i, e[i].meta_type = (i + 1) << 16;
+    for (uint32_t i = 0; i < 3; ++i)
+        e[i].offset = 1000 - 100 * i, e[i].length = 10 + i, e[i].meta_type = (i + 1) << 16;
     YaxEntry *rows[3] = {&e[0], &e[1], &e[2]};
     YaxInfo info{};
     info.fp = tmpfile(), info.meta_count = 3, info.meta_data = rows;
@@ -194,10 +200,10 @@ TEST_F(ToneFile, ReadersOnGoodMissingEmptyAndOverrunningLists) {
     // an empty list, then lists whose count, a length or a wrapping length
     // reach past the payload, and one without a count: no names; the
     // overrunning ones are refused by the edits and the name readers too
-    for (const Bytes &b : {tb::toneList({}), tb::Builder().u32(1).u32(0).u32(0x40000001u).u32(4).str("rain").done(),
-                           tb::Builder().u32(1).u32(0).u32(1).u32(5).str("rain").done(),
-                           tb::Builder().u32(1).u32(0).u32(2).u32(4).u32(0xFFFFFFFDu).str("rain").done(),
-                           tb::Builder().u32(1).u32(0).done()}) {
+    const auto head = [] { return tb::Builder().u32(1).u32(0); };
+    for (const Bytes &b : {tb::toneList({}), head().u32(0x40000001u).u32(4).str("rain").done(),
+                           head().u32(1).u32(5).str("rain").done(),
+                           head().u32(2).u32(4).u32(0xFFFFFFFDu).str("rain").done(), head().done()}) {
         make(b);
         EXPECT_EQ(names(), std::make_tuple(0, Names{}, 0));
         if (b == tb::toneList({})) continue;
