@@ -49,7 +49,9 @@ TEST_F(VonoLegacy, AddReplaceAndDeleteWithAndWithoutATrailer) {
         auto withSound = [&](const Bytes &s) { return jpeg + s + tail + vono1(p, p + sz(s)); };
         const std::string where = withTrailer ? "meta not null\n" : "meta null\n";
         put(withTrailer ? withSound(s1) : jpeg);
-        if (!withTrailer) EXPECT_EQ(AddVonoSoundInFirstTime(path.c_str(), s1.data(), sz(s1)), p + sz(s1) + 30);
+        if (!withTrailer) {
+            EXPECT_EQ(AddVonoSoundInFirstTime(path.c_str(), s1.data(), sz(s1)), p + sz(s1) + 30);
+        }
         expectFile(withSound(s1));
 
         // Replacing: the old sound is cut, the new one goes where it was. The
