@@ -8,17 +8,17 @@
 #include "yax_api.h"
 #include "yax_support.h"
 
-using at::Bytes;
-using at::Entry;
+using namespace at;
 using tb::trailer;
-using tb::operator+;
 using tu::errLine;
 
 namespace {
 
 constexpr const char *kFP = "YAXAPIs::saveYAXDataToFP";
-const std::string kNoRoom = errLine("checkYAXInfoForSaving", "There is no storage for saving YAX data in the source file, delete a yax data");
-const Entry kA{5, "a", "first payload", ""}, kB{6, "bee", "second", "sub-info"}, kC{7, "c", "third payload!", ""};
+const std::string kNoRoom = errLine(
+    "checkYAXInfoForSaving", "There is no storage for saving YAX data in the source file, delete a yax data");
+const Entry kA{5, "a", "first payload", ""}, kB{6, "bee", "second", "sub-info"};
+const Entry kC{7, "c", "third payload!", ""};
 
 // A call by path or by stream, for the refusal tables.
 #define BY_PATH(x) [=]([[maybe_unused]] const char *f, FILE *) { return x; }
@@ -27,19 +27,19 @@ const Entry kA{5, "a", "first payload", ""}, kB{6, "bee", "second", "sub-info"},
 // The path and stream flavours, driven alike.
 enum class Via { Path, Stream };
 
-class Save : public at::ApiTest, public ::testing::WithParamInterface<Via> {
+class Save : public ApiTest, public ::testing::WithParamInterface<Via> {
 protected:
     // `name_length` below the name's size stores only its first bytes
     int save(const Entry &e, int option = 0, size_t name_length = std::string::npos) {
         const void *sub = e.hasSub() ? e.sub.data() : nullptr;
-        const auto sl = static_cast<uint32_t>(e.sub.size()), len = static_cast<uint32_t>(e.payload.size()),
-                   nl = static_cast<uint32_t>(std::min(name_length, e.name.size()));
+        const auto sl = uint32_t(e.sub.size()), len = uint32_t(e.payload.size());
+        const auto nl = static_cast<uint32_t>(std::min(name_length, e.name.size()));
+        const char *name = e.name.c_str(), *data = e.payload.data();
         if (GetParam() == Via::Path)
-            return saveYAXDataToFile(file.c_str(), e.name.c_str(), nl, sub, sl, e.payload.data(), len, e.type, option);
+            return saveYAXDataToFile(file.c_str(), name, nl, sub, sl, data, len, e.type, option);
         FILE *fp = _qfopen(file.c_str(), "r+b");
-        int r = saveYAXDataToFP(fp, e.name.c_str(), nl, sub, sl, e.payload.data(), len, e.type, option);
-        _qfclose(fp);
-        return r;
+        const int r = saveYAXDataToFP(fp, name, nl, sub, sl, data, len, e.type, option);
+        return _qfclose(fp), r;
     }
 };
 
@@ -50,39 +50,44 @@ protected:
 // follows, and a legacy block pointing into the sound entry closes the file;
 // later saves keep that block behind the new tail.
 TEST_P(Save, AppendRefuseReplaceAndConvert) {
-    const Entry a0{3, "a", "x", ""}, a2{9, "a", "replacement of another length", "s"}, b2{6, "bee", "other", ""};
-    put(at::host() + trailer({a0}));
+    const Entry a0{3, "a", "x", ""}, a2{9, "a", "replacement of another length", "s"};
+    const Entry b2{6, "bee", "other", ""};
+    put(host() + trailer({a0}));
     // (a braced list is evaluated in order)
     EXPECT_EQ(std::vector<int>({save(kA, 1), save(kB), save(kC)}), std::vector<int>({1, 1, 1}));
-    EXPECT_EQ(tu::capture([&] { EXPECT_EQ(save(a2, 2), 0); }), GetParam() == Via::Path ? "" : errLine(kFP, "SIGNATURE_YAX NOT UPDATE!!"));
+    EXPECT_EQ(tu::capture([&] { EXPECT_EQ(save(a2, 2), 0); }),
+              GetParam() == Via::Path ? "" : errLine(kFP, "SIGNATURE_YAX NOT UPDATE!!"));
     EXPECT_EQ(save(Entry{5, "beezzz", "y", ""}, 0, 3), 0);  // "bee" is present
-    EXPECT_EQ(now(), at::host() + trailer({kA, kB, kC}));
+    EXPECT_EQ(now(), host() + trailer({kA, kB, kC}));
     EXPECT_EQ(save(a2, 1), 1);
-    EXPECT_EQ(now(), at::host() + trailer({kB, kC, a2}));
+    EXPECT_EQ(now(), host() + trailer({kB, kC, a2}));
     expectDecodes();
 
     const std::string sound = "RIFF....legacy sound bytes";
-    const uint32_t p = at::u32size(at::host()), s = static_cast<uint32_t>(sound.size());
-    put(at::host() + tb::bytes(sound) + at::vono1(p, p + s));
-    EXPECT_EQ(std::vector<int>({save(kB), save(kC), save(b2, 0), save(b2, 1)}), std::vector<int>({1, 1, 0, 1}));
-    EXPECT_EQ(now(), at::host() + trailer({at::toneSound(sound), at::toneMeta(), kC, b2}) + at::vono1(p + 21, p + 21 + s));
+    const uint32_t p = u32size(host()), s = static_cast<uint32_t>(sound.size());
+    put(host() + tb::bytes(sound) + vono1(p, p + s));
+    EXPECT_EQ(std::vector<int>({save(kB), save(kC), save(b2, 0), save(b2, 1)}),
+              std::vector<int>({1, 1, 0, 1}));
+    EXPECT_EQ(now(), host() + trailer({toneSound(sound), toneMeta(), kC, b2}) + vono1(p + 21, p + 21 + s));
     expectAlone();
     expectDecodes();
 }
 
 INSTANTIATE_TEST_SUITE_P(Flavours, Save, ::testing::Values(Via::Path, Via::Stream));
 
-class SaveChecks : public at::ApiTest {
+class SaveChecks : public ApiTest {
 protected:
-    // Each call on a file holding `content` answers 0, prints exactly `lines` and leaves the file as it was.
+    // Each call on a file holding `content` answers 0, prints exactly `lines`
+    // and leaves the file as it was.
     struct Refusal { Bytes content; std::function<int(const char *, FILE *)> call; std::string lines; };
     void expectRefusals(const std::vector<Refusal> &cases) {
         for (size_t i = 0; i < cases.size(); ++i) {
             put(cases[i].content);
             FILE *fp = _qfopen(file.c_str(), "r+b");
             int r = -1;
-            EXPECT_EQ(tu::capture([&] { r = cases[i].call(file.c_str(), fp); }), cases[i].lines) << "case " << i;
+            const std::string printed = tu::capture([&] { r = cases[i].call(file.c_str(), fp); });
             _qfclose(fp);
+            EXPECT_EQ(printed, cases[i].lines) << "case " << i;
             EXPECT_EQ(r, 0) << "case " << i;
             EXPECT_EQ(now(), cases[i].content) << "case " << i;
         }
@@ -103,37 +108,44 @@ protected:
 // parentheses.
 TEST_F(SaveChecks, RefusalsWithTheirLines) {
     static char buf[8] = "payload", sub[100] = {};
-    const std::string payload = dir.path("payload.bin"), empty = dir.path("empty.bin"), small = dir.path("small.bin");
+    const std::string payload = dir.path("payload.bin"), empty = dir.path("empty.bin");
+    const std::string small = dir.path("small.bin");
     tu::writeFile(empty, {}), tu::writeFile(small, tb::bytes("small")), tu::writeFile(payload, {});
     ASSERT_EQ(truncate64(payload.c_str(), 0xFFF00001LL), 0);
     const char *pl = payload.c_str(), *em = empty.c_str(), *sm = small.c_str();
-    const uint32_t p = at::u32size(at::host()), rows = 12 + 12 * 3;
-    const Bytes t = trailer({at::toneSound("snd"), at::toneMeta(), kA}), legacy = at::host() + t + at::vono1(p + 21, p + 24);
-    const uint32_t blocks = at::u32size(t) - rows - 8;
-    const uint32_t fillLegacy = 0xFFF00000u - (1 + rows + 38 + blocks + 16), fillPlain = 0xFFF00000u - (1 + rows + 8 + blocks + 16);
+    const uint32_t p = u32size(host()), rows = 12 + 12 * 3, limit = 0xFFF00000u, over = limit + 1;
+    const Bytes t = trailer({toneSound("snd"), toneMeta(), kA}), legacy = host() + t + vono1(p + 21, p + 24);
+    const Bytes h = host(), hA = host() + trailer({kA});
+    const uint32_t blocks = u32size(t) - rows - 8, room = limit - (1 + rows + blocks + 16);
+    const uint32_t fillLegacy = room - 38, fillPlain = room - 8;
     const std::string F = "YAXAPIs::saveYAXFileDataToFP", tooBig = "Too big YAX data to add in the file";
     expectRefusals({
-        {at::host(), BY_PATH(saveYAXDataToFile(nullptr, nullptr, 0, nullptr, 0, nullptr, 0xFFF00001u, 0, 0)), errLine("YAXAPI", tooBig)},
-        {at::host(), BY_PATH(saveYAXDataToFile(nullptr, "a", 1, nullptr, 0, buf, 0xFFF00000u, 1, 0)),
+        {h, BY_PATH(saveYAXDataToFile(nullptr, nullptr, 0, nullptr, 0, nullptr, over, 0, 0)),
+         errLine("YAXAPI", tooBig)},
+        {h, BY_PATH(saveYAXDataToFile(nullptr, "a", 1, nullptr, 0, buf, limit, 1, 0)),
          errLine("YAXAPI", "filename == VELTA_YAX_NULL")},
-        {at::host(), BY_FP(saveYAXDataToFP(fp, "a", 1, nullptr, 0, buf, 0xFFF00001u, YAX_USER_DEFINED_DATA, 0)), errLine(kFP, "type & sub wrong !!")},
-        {at::host(), BY_FP(saveYAXDataToFP(fp, "a", 1, nullptr, 0, buf, 0xFFF00001u, 1, 0)), errLine(kFP, tooBig)},
-        {at::host() + trailer({kA}), BY_PATH(saveYAXDataToFile(f, "z", 1, nullptr, 0, buf, 0xFFF00000u, 1, 0)), kNoRoom},
-        {at::host() + trailer({kA}), BY_FP(saveYAXDataToFP(fp, "z", 1, nullptr, 0, buf, 0xFFF00000u, 1, 0)),
+        {h, BY_FP(saveYAXDataToFP(fp, "a", 1, nullptr, 0, buf, over, YAX_USER_DEFINED_DATA, 0)),
+         errLine(kFP, "type & sub wrong !!")},
+        {h, BY_FP(saveYAXDataToFP(fp, "a", 1, nullptr, 0, buf, over, 1, 0)), errLine(kFP, tooBig)},
+        {hA, BY_PATH(saveYAXDataToFile(f, "z", 1, nullptr, 0, buf, limit, 1, 0)), kNoRoom},
+        {hA, BY_FP(saveYAXDataToFP(fp, "z", 1, nullptr, 0, buf, limit, 1, 0)),
          kNoRoom + errLine(kFP, "SIGNATURE_YAX checkYAXInfoForSaving fail!!")},
         {legacy, BY_PATH(saveYAXDataToFile(f, "a", 1, sub, 100, buf, fillLegacy, 5, 0)), ""},
         {legacy, BY_FP(saveYAXDataToFP(fp, "a", 1, sub, 100, buf, fillLegacy, 5, 0)),
          kNoRoom + errLine(kFP, "SIGNATURE_VONO_YAX checkYAXInfoForSaving ERROR!!")},
-        {at::host() + t, BY_PATH(saveYAXDataToFile(f, "a", 1, sub, 100, buf, fillPlain, 5, 0)), kNoRoom},
+        {host() + t, BY_PATH(saveYAXDataToFile(f, "a", 1, sub, 100, buf, fillPlain, 5, 0)), kNoRoom},
         {tb::bytes("abc"), BY_FP(saveYAXDataToFP(fp, "a", 1, nullptr, 0, "d", 1, 1, 0)),
-         errLine("_qlseek", "errno : 22") + errLine("YAX::getSignatureFP", "File Search Error") + errLine(kFP, "Signature File!! mode : 0\n")},
-        {at::host(), BY_PATH(saveYAXFileDataToFile(f, "a", 1, nullptr, 0, em, 1, 0)), ""},
-        {at::host(), BY_FP(saveYAXFileDataToFP(fp, "a", 1, nullptr, 0, em, 1, 0)), errLine(F, "File Search Error 0\n")},
-        {at::host(), BY_PATH(saveYAXFileDataToFile(f, "a", 1, nullptr, 0, pl, 1, 0)), errLine("YAXAPI", tooBig)},
-        {at::host(), BY_FP(saveYAXFileDataToFP(fp, "a", 1, nullptr, 0, pl, 1, 0)), errLine(F, tooBig)},
-        {at::host() + trailer({kA}), BY_FP(saveYAXFileDataToFP(fp, "a", 1, nullptr, 0, sm, 3, 0)), ""},
-        {at::host(), BY_FP(saveYAXDataHeaderToFP(fp, "x", 1, "s", 0, YAX_USER_DEFINED_DATA)),
-         errLine("YAXAPIs::saveYAXDataHeaderToFP", "data_type == YAX_USER_DEFINED_DATA && (data_sub_info == VELTA_YAX_NULL || data_sub_info_len <= 0)")},
+         errLine("_qlseek", "errno : 22") + errLine("YAX::getSignatureFP", "File Search Error") +
+             errLine(kFP, "Signature File!! mode : 0\n")},
+        {h, BY_PATH(saveYAXFileDataToFile(f, "a", 1, nullptr, 0, em, 1, 0)), ""},
+        {h, BY_FP(saveYAXFileDataToFP(fp, "a", 1, nullptr, 0, em, 1, 0)),
+         errLine(F, "File Search Error 0\n")},
+        {h, BY_PATH(saveYAXFileDataToFile(f, "a", 1, nullptr, 0, pl, 1, 0)), errLine("YAXAPI", tooBig)},
+        {h, BY_FP(saveYAXFileDataToFP(fp, "a", 1, nullptr, 0, pl, 1, 0)), errLine(F, tooBig)},
+        {hA, BY_FP(saveYAXFileDataToFP(fp, "a", 1, nullptr, 0, sm, 3, 0)), ""},
+        {h, BY_FP(saveYAXDataHeaderToFP(fp, "x", 1, "s", 0, YAX_USER_DEFINED_DATA)),
+         errLine("YAXAPIs::saveYAXDataHeaderToFP", "data_type == YAX_USER_DEFINED_DATA && (data_sub_info == "
+                                                   "VELTA_YAX_NULL || data_sub_info_len <= 0)")},
     });
 }
 
@@ -143,12 +155,13 @@ TEST_F(SaveChecks, RefusalsWithTheirLines) {
 // file that already has one.
 TEST_F(SaveChecks, FormattedBlocksPayloadFilesAndStreaming) {
     const std::string payload = dir.path("payload.bin");
-    const Entry d{8, "d", "direct", "si"}, d2{8, "d", "direct again", "si"}, q{3, "q", "again", ""}, p{4, "p", "the payload file", "ss"};
-    put(at::host());
+    const Entry d{8, "d", "direct", "si"}, d2{8, "d", "direct again", "si"}, q{3, "q", "again", ""};
+    const Entry p{4, "p", "the payload file", "ss"};
+    put(host());
     FILE *fp = _qfopen(file.c_str(), "r+b");
     auto direct = [&](const Entry &x, int option) {
         Bytes b = tb::block(x);
-        return saveDirectYAXData(fp, b.data(), at::u32size(b), x.name.c_str(), x.hasSub() ? 1 : 0, x.type, option);
+        return saveDirectYAXData(fp, b.data(), u32size(b), x.name.c_str(), x.hasSub(), x.type, option);
     };
     EXPECT_EQ(direct(d, 0), 1);
     tu::writeFile(payload, tb::bytes(q.payload));
@@ -157,9 +170,9 @@ TEST_F(SaveChecks, FormattedBlocksPayloadFilesAndStreaming) {
     _qfclose(fp);
     tu::writeFile(payload, tb::bytes(p.payload));
     EXPECT_EQ(saveYAXFileDataToFile(file.c_str(), "p", 1, "ss", 2, payload.c_str(), 4, 0), 1);
-    EXPECT_EQ(now(), at::host() + trailer({q, d2, p}));
+    EXPECT_EQ(now(), host() + trailer({q, d2, p}));
 
-    put(at::host());
+    put(host());
     fp = _qfopen(file.c_str(), "r+b");
     EXPECT_EQ(saveYAXDataHeaderToFP(fp, "hd", 2, "si", 2, 9), 8 + 2 + 4 + 2);
     EXPECT_EQ(_qfwrite("PAYLOAD", 7, fp), 7);
@@ -167,7 +180,7 @@ TEST_F(SaveChecks, FormattedBlocksPayloadFilesAndStreaming) {
     EXPECT_EQ(saveYAXDataHeaderToFP(fp, "x", 1, nullptr, 0, 3), 1);
     EXPECT_EQ(saveYAXTailToFP(fp, 9 + 5, 3, 0), 1);
     _qfclose(fp);
-    EXPECT_EQ(now(), at::host() + trailer({Entry{9, "hd", "PAYLOAD", "si"}}));
+    EXPECT_EQ(now(), host() + trailer({Entry{9, "hd", "PAYLOAD", "si"}}));
     expectDecodes();
 }
 
