@@ -20,15 +20,17 @@ struct FastSave : ApiTest {
     // Saves `e` through a stream of its own; `no_data` passes a null payload.
     int fast(const Entry &e, int option = 0, bool no_data = false) {
         FILE *fp = std::fopen(file.c_str(), "r+b");
-        int r = saveFastYAXDataToFP(fp, e.name.c_str(), uint32_t(e.name.size()), e.hasSub() ? e.sub.data() : nullptr,
-                                    uint32_t(e.sub.size()), no_data ? nullptr : e.payload.data(),
-                                    uint32_t(e.payload.size()), e.type, option);
+        const void *sub = e.hasSub() ? e.sub.data() : nullptr;
+        const char *data = no_data ? nullptr : e.payload.data();
+        int r = saveFastYAXDataToFP(fp, e.name.c_str(), uint32_t(e.name.size()), sub, uint32_t(e.sub.size()),
+                                    data, uint32_t(e.payload.size()), e.type, option);
         return std::fclose(fp), r;
     }
 };
 
 TEST_F(FastSave, WholeFilesAfterASave) {
-    const Entry a2{5, "a", "ALPHA PAYLOAD", ""}, b2{6, "b", "BRAVO", "SUB"}, n{4, "n", std::string(91, 'n'), ""};
+    const Entry a2{5, "a", "ALPHA PAYLOAD", ""}, b2{6, "b", "BRAVO", "SUB"};
+    const Entry n{4, "n", std::string(91, 'n'), ""};
     struct Case { Bytes before; Entry e; int option; Bytes want; };
     for (const Case &c : std::vector<Case>{
              {host(), kA, 0, host() + trailer({kA})},  // a first trailer
@@ -74,34 +76,39 @@ TEST_F(FastSave, RefusalsAndTheirLines) {
 // of it is read. A target that cannot be opened reaches the save as a null
 // stream.
 TEST_F(FastSave, PathWrapperStreamSizeLimitsAndPayloadFiles) {
-    const auto descriptors = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+    const auto descriptors = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    };
     put(host());
     const auto before = descriptors();
     EXPECT_EQ(saveFastYAXDataToFile(file.c_str(), "a", 1, nullptr, 0, kA.payload.data(), 13, 5, 0), 1);
     EXPECT_EQ(descriptors(), before + 1);
     EXPECT_EQ(now(), host() + trailer({kA}));
     const auto huge = [&](uint32_t length) {
-        return tu::capture([&] { EXPECT_EQ(saveFastYAXDataToFile(file.c_str(), "z", 1, nullptr, 0, "abc", length, 5, 0), 0); });
+        return tu::capture([&] {
+            EXPECT_EQ(saveFastYAXDataToFile(file.c_str(), "z", 1, nullptr, 0, "abc", length, 5, 0), 0);
+        });
     };
     EXPECT_EQ(huge(0xFFF00001u), tu::errLine("YAXAPI", "Too big YAX data to add in the file"));
-    EXPECT_EQ(huge(0xFFF00000u), tu::errLine("checkYAXInfoForSaving",
-                                             "There is no storage for saving YAX data in the source file, delete a yax data"));
+    EXPECT_EQ(huge(0xFFF00000u),
+              tu::errLine("checkYAXInfoForSaving",
+                          "There is no storage for saving YAX data in the source file, delete a yax data"));
     EXPECT_EQ(now(), host() + trailer({kA}));
 
     // the savers that read their payload from a file
-    const std::string payload = dir.path("payload.bin");
+    const std::string payload = dir.path("payload.bin"), none = dir.path("none.jpg");
+    const char *pl = payload.c_str();
     const Entry p{3, "p", "payload from a file", ""}, p2{3, "p", "PAYLOAD FROM A FILE", ""};
     tu::writeFile(payload, tb::bytes(p.payload));
     FILE *fp = std::fopen(file.c_str(), "r+b");
-    EXPECT_EQ(saveFastYAXNameToFP(fp, "p", 1, nullptr, 0, payload.c_str(), 3, 0), 1);
+    EXPECT_EQ(saveFastYAXNameToFP(fp, "p", 1, nullptr, 0, pl, 3, 0), 1);
     std::fclose(fp);
     EXPECT_EQ(now(), host() + trailer({kA, p}));
     tu::writeFile(payload, tb::bytes(p2.payload));
-    EXPECT_EQ(saveFastYAXDataFileToFile(file.c_str(), "p", 1, nullptr, 0, payload.c_str(), 3, 1), 1);
+    EXPECT_EQ(saveFastYAXDataFileToFile(file.c_str(), "p", 1, nullptr, 0, pl, 3, 1), 1);
     EXPECT_EQ(now(), host() + trailer({p2, kA}));
-    const std::string none = dir.path("none.jpg");
-    EXPECT_EQ(tu::capture([&] { EXPECT_EQ(saveFastYAXDataFileToFile(none.c_str(), "q", 1, nullptr, 0, payload.c_str(), 3, 0), 0); }),
-              tu::errLine(kTag, "fp null\n"));
+    const auto toNone = [&] { return saveFastYAXDataFileToFile(none.c_str(), "q", 1, nullptr, 0, pl, 3, 0); };
+    EXPECT_EQ(tu::capture([&] { EXPECT_EQ(toNone(), 0); }), tu::errLine(kTag, "fp null\n"));
 }
 
 }  // namespace
