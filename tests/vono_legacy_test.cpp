@@ -157,7 +157,7 @@ TEST_F(VonoLegacy, RoomCheckReadsTheOddTableIndex) {
         return std::copy(w.begin(), w.end(), static_cast<uint32_t *>(_qmalloc(w.size() * 4))) - w.size();
     };
     VonoInfo none{}, one{0, 0, 0, 0, 1, 0, 0, nullptr, nullptr, table({500000, 900000})},
-        two{0, 0, 0, 0, 2, 0, 0, nullptr, nullptr, table({100, 1000, 1000, 7000000})};
+        two{0, 0, 0, 0, 2, 0, 0, nullptr, nullptr, table({100, 1000, 2000, 7000000})};
     // No sound: 22 and the three sizes must stay below 0xFFF00001. One sound:
     // index -1, the word in front of the table, which in the block is the
     // count (1). Two: index 1, the end of the first (not the last) sound. The
