@@ -34,7 +34,9 @@ void probe(YaxInfo *info, const Bytes &c) {
             ASSERT_TRUE(k < info->meta_count && pos >= 0 && len >= 1 && pos + len <= int64_t(c.size())) << k;
             unsigned char *out = nullptr;
             const int r = readDataOfIndex(info, k, sub ? nullptr : &out, sub ? &out : nullptr);
-            if (pos > 0) EXPECT_EQ(r == 1 ? at(out, 0, len) : "-", at(c.data(), pos, len)) << k;
+            if (pos > 0) {
+                EXPECT_EQ(r == 1 ? at(out, 0, len) : "-", at(c.data(), pos, len)) << k;
+            }
             _qfree(out);
         }
 }
@@ -46,8 +48,12 @@ void probeQuery(YAXDATA *d, const Bytes &c) {
         for (YAXOFFSET64 *r : {o, s})
             ASSERT_TRUE(!r || (r->offset >= 0 && r->offset + r->length <= int64_t(c.size())));
         EXPECT_EQ(u != nullptr, o != nullptr);
-        if (u && o) EXPECT_EQ(at(u->data, 0, u->data_length), at(c.data(), o->offset, o->length));
-        if (u && s) EXPECT_EQ(at(u->sub_info, 0, u->sub_info_length), at(c.data(), s->offset, s->length));
+        if (u && o) {
+            EXPECT_EQ(at(u->data, 0, u->data_length), at(c.data(), o->offset, o->length));
+        }
+        if (u && s) {
+            EXPECT_EQ(at(u->sub_info, 0, u->sub_info_length), at(c.data(), s->offset, s->length));
+        }
         destroyYAXOFFSET64(o), destroyYAXOFFSET64(s), destroyYAXDATA_UNIT(u);
     }
 }
@@ -153,7 +159,9 @@ TEST(Malformed, NamedCasesStopWhereTheyMust) {
     for (const Case &c : cases)
         for (bool buf : {false, true}) {
             const std::string want = buf && c.buffer != "=" ? c.buffer : c.file;
-            if (want != "*") EXPECT_EQ(run(c.in, buf), want) << &c - cases << (buf ? " buffer" : " file");
+            if (want != "*") {
+                EXPECT_EQ(run(c.in, buf), want) << &c - cases << (buf ? " buffer" : " file");
+            }
         }
 }
 

@@ -68,11 +68,14 @@ TEST_P(Read, NamesPositionsAndBytesOfEveryEntry) {
         EXPECT_EQ(len, int64_t(e.payload.size()));
         EXPECT_STREQ(info->meta_data[k]->name, e.name.c_str());
         EXPECT_EQ(readSubDataInfoOfDataOffset(info, k, &pos, &len), e.hasSub() ? 1 : 0);
-        if (e.hasSub())
+        if (e.hasSub()) {
             EXPECT_EQ(std::make_pair(pos, len), std::make_pair(sub_at, int64_t(e.sub.size())));
+        }
         unsigned char *data = nullptr, *sub = nullptr;  // sub-information alone for the last
         ASSERT_EQ(readDataOfIndex(info, k, k == 2 ? nullptr : &data, e.hasSub() ? &sub : nullptr), 1);
-        if (k < 2) EXPECT_EQ(std::string(reinterpret_cast<char *>(data), e.payload.size()), e.payload);
+        if (k < 2) {
+            EXPECT_EQ(std::string(reinterpret_cast<char *>(data), e.payload.size()), e.payload);
+        }
         EXPECT_EQ(std::string(reinterpret_cast<char *>(sub), e.sub.size()), e.sub);
         _qfree(data);
         _qfree(sub);
