@@ -504,6 +504,18 @@ void putOneRowHeader(const FileIO &io, uint32_t meta_type, uint32_t block_length
     putHeader(io, unchecked, kFieldMessages, nullptr, meta_type, block_length);
 }
 
+// The stream and buffer flavours: arguments first, then the caller's stream.
+template <typename IO>
+int addFirstOnStream(const IO &io, const NewEntry &e, const FirstTimeFlavour &f) {
+    uint32_t block_length = 0;
+    if (!checkFirstTimeArgs(e, f, &block_length)) return 0;
+    if (!io.ok()) {
+        YAXLogE(f.arg_tag, f.stream_msg);
+        return 0;
+    }
+    return addFirst(io, e, block_length, f);
+}
+
 }  // namespace
 }  // namespace yax
 
@@ -536,14 +548,7 @@ YAX_EXPORT int AddYAXDataInFirstTimeFP(FILE *fp, const char *name, uint32_t name
                                        uint32_t sub_info_length, const void *data,
                                        uint32_t data_length) {
     const NewEntry e(data_type, name, name_length, sub_info, sub_info_length, data, data_length);
-    const yax::FirstTimeFlavour &f = yax::kFirstFP;
-    uint32_t block_length = 0;
-    if (!yax::checkFirstTimeArgs(e, f, &block_length)) return 0;
-    if (fp == nullptr) {
-        YAXLogE(f.arg_tag, f.stream_msg);
-        return 0;
-    }
-    return yax::addFirst(FileIO{fp}, e, block_length, f);
+    return yax::addFirstOnStream(FileIO{fp}, e, yax::kFirstFP);
 }
 
 YAX_EXPORT int AddYAXDataInFirstTimeBuffer(YAXBUFFER *handle, const char *name,
@@ -551,14 +556,7 @@ YAX_EXPORT int AddYAXDataInFirstTimeBuffer(YAXBUFFER *handle, const char *name,
                                            const void *sub_info, uint32_t sub_info_length,
                                            const void *data, uint32_t data_length) {
     const NewEntry e(data_type, name, name_length, sub_info, sub_info_length, data, data_length);
-    const yax::FirstTimeFlavour &f = yax::kFirstBuffer;
-    uint32_t block_length = 0;
-    if (!yax::checkFirstTimeArgs(e, f, &block_length)) return 0;
-    if (handle == nullptr) {
-        YAXLogE(f.arg_tag, f.stream_msg);
-        return 0;
-    }
-    return yax::addFirst(BufIO{handle}, e, block_length, f);
+    return yax::addFirstOnStream(BufIO{handle}, e, yax::kFirstBuffer);
 }
 
 YAX_EXPORT int AddYAXData(const char *path, YaxInfo *info, const char *name, uint32_t name_length,
