@@ -26,6 +26,12 @@ struct StreamRelease {
 };
 using StreamRecord = std::unique_ptr<YAXDATA, StreamRelease>;
 
+// Row 0 named "Invalid_Data" and of the filler's data type.
+bool firstRowIsFiller(YAXDATA *yd) {
+    return _getIndexOfName(yd, layout::kFillerName.data()) == 0 &&
+           _getDataType(yd->yax_info->meta_data[0]->meta_type) == layout::kFillerType;
+}
+
 }  // namespace
 }  // namespace yax
 
@@ -68,20 +74,25 @@ YAX_EXPORT int saveFastYAXDataToFP(FILE *fp, const char *name, uint32_t name_len
     api::QChars key = api::copyName(name, name_length);
     if (!key) return 0;
 
-    // The filler left by an earlier fast delete is always row 0; its room
-    // may take the new block.
-    int reuse_first =
-        _getIndexOfName(yd.get(), layout::kFillerName.data()) < yd->count ? 1 : 0;
+    // The filler left by an earlier fast delete is row 0; its room may take
+    // the new block. Row 0 is taken for it only when it is one.
+    int reuse_first = firstRowIsFiller(yd.get()) ? 1 : 0;
 
     uint32_t index = _getIndexOfName(yd.get(), key.get());
     if (index < yd->count) {
         if ((option & 1) == 0) return 0;
         // The end of the file is rewritten by the add that follows, so the
         // delete does not pad the filler for a dropped row.
-        FastDeleteAYAXData(yd->yax_info, index, nullptr, 1);
+        // A delete that did not happen must not lead to a second entry of
+        // the name. A block under 20 bytes is cut out rather than turned into
+        // filler, so row 0 is looked at again.
+        if (FastDeleteAYAXData(yd->yax_info, index, nullptr, 1) != 1) return 0;
         yd.reset(checkYAXInFP(fp));
         if (!yd) return 0;
-        reuse_first = 1;
+        reuse_first = yd->count != 0 && yax::layout::kFillerType ==
+                                            _getDataType(yd->yax_info->meta_data[0]->meta_type)
+                          ? 1
+                          : 0;
     }
     return FastAddYAXData(yd->yax_info, name, name_length, data_type, sub_info, sub_info_length,
                           data, data_length, reuse_first);

@@ -14,6 +14,7 @@
 
 #include "container/layout.hpp"
 #include "support/io.hpp"
+#include "support/safe_file.hpp"
 #include "yax_container.h"
 #include "yax_support.h"
 #include "yax_vono.h"
@@ -286,13 +287,16 @@ int addFirst(const IO &io, const NewEntry &e, uint32_t block_length, const First
         YAXLogE(f.seek_tag, f.seek_msg, 0);
         return 0;
     }
+    auto undo = undoScope(io, end);
+    if (!undo.ready()) return 0;
     const Checker<IO> check(io, f.io_tag, FailTest::kZero);
     if (!check.succeeded(tagInfo(io, e.data_type, e.has_sub_info, e.name, e.name_length,
                                  e.sub_info, e.sub_info_length),
                          f.tag_info_msg))
         return 0;
     if (!check.wrote(io.write(e.data, e.data_length), f.payload_msg)) return 0;
-    return putHeader(io, check, f.fields, nullptr, e.metaType(), block_length) ? 1 : 0;
+    if (!putHeader(io, check, f.fields, nullptr, e.metaType(), block_length)) return 0;
+    return undo.commit() ? 1 : 0;
 }
 
 // ---- later adds: a trailer is present ----
@@ -364,10 +368,13 @@ int addToTrailer(const IO &io, YaxInfo *info, const NewEntry &e, VonoInfo *vono)
         YAXLogE(f.arg_tag, f.stream_msg);
         return 0;
     }
-    if (headerPosition(io, info) < 0) {
+    const int64_t header_pos = headerPosition(io, info);
+    if (header_pos < 0) {
         YAXLogE(f.io_tag, f.seek_msg);
         return 0;
     }
+    auto undo = undoScope(io, header_pos);
+    if (!undo.ready()) return 0;
     const Checker<IO> check(io, f.io_tag, FailTest::kBackend);
     if (!appendAtHeader(io, check, info, e, block_length, f.tag_info_msg)) return 0;
     if (vono != nullptr) {
@@ -378,7 +385,7 @@ int addToTrailer(const IO &io, YaxInfo *info, const NewEntry &e, VonoInfo *vono)
             return 0;
         }
     }
-    return 1;
+    return undo.commit() ? 1 : 0;
 }
 
 // The path flavour writes the legacy header itself from the record: "VONO",
@@ -425,8 +432,13 @@ int addToTrailerByPath(const char *path, YaxInfo *info, const NewEntry &e, VonoI
         return 0;
     }
     const Checker<FileIO> check(io, f.io_tag, FailTest::kBackend);
-    bool ok = appendAtHeader(io, check, info, e, block_length, f.tag_info_msg);
-    if (ok && vono != nullptr) ok = putVonoFromRecord(io, vono);
+    bool ok;
+    {
+        UndoScope undo(fp, pos);
+        ok = undo.ready() && appendAtHeader(io, check, info, e, block_length, f.tag_info_msg);
+        if (ok && vono != nullptr) ok = putVonoFromRecord(io, vono);
+        ok = ok && undo.commit();
+    }
     if (vono != nullptr && vono->fp != nullptr) {
         // the record's stream still shows the file as it was
         _qfclose(vono->fp);
@@ -464,6 +476,8 @@ int fastAdd(YaxInfo *info, const NewEntry &e, int reuse_first) {
         const int64_t first_pos =
             info->file_size - (int64_t{info->header_offset} + int64_t{first.offset});
         if (first_pos < 0 || io.seek(first_pos, SEEK_SET) < 0) return 0;
+        UndoScope undo(info->fp, first_pos);
+        if (!undo.ready()) return 0;
         if (spare == 0) {
             // exactly entry 0's size: its place, and its row retyped
             putBlock(io, unchecked, e, nullptr, nullptr);
@@ -478,10 +492,12 @@ int fastAdd(YaxInfo *info, const NewEntry &e, int reuse_first) {
             writeYAXHeader(info, info->meta_count + 1, 1, first_offset, spare,
                            first_offset - spare, block_length, e.data_type, e.has_sub_info);
         }
-        return 1;
+        return undo.commit() ? 1 : 0;
     }
+    UndoScope undo(info->fp, header_pos);
+    if (!undo.ready()) return 0;
     appendAtHeader(io, unchecked, info, e, block_length, nullptr);
-    return 1;
+    return undo.commit() ? 1 : 0;
 }
 
 // ---- direct adds: the caller formatted the block ----
@@ -590,13 +606,16 @@ YAX_EXPORT int AddDirectYAXDataInFirstTimeFP(FILE *fp, uint32_t data_type, uint3
         return 0;
     }
     const FileIO io{fp};
-    if (io.seek(0, SEEK_END) < 0) {
+    const int64_t end = io.seek(0, SEEK_END);
+    if (end < 0) {
         YAXLogE(tag, "File Search Error");
         return 0;
     }
+    yax::UndoScope undo(fp, end);
+    if (!undo.ready()) return 0;
     io.write(block, block_length);
     yax::putOneRowHeader(io, yax::layout::metaType(data_type, has_sub_info), block_length);
-    return 1;
+    return undo.commit() ? 1 : 0;
 }
 
 YAX_EXPORT int AddDirectYAXDataFP(FILE *fp, YaxInfo *info, uint32_t data_type,
@@ -613,10 +632,13 @@ YAX_EXPORT int AddDirectYAXDataFP(FILE *fp, YaxInfo *info, uint32_t data_type,
         return 0;
     }
     const FileIO io{fp};
-    if (yax::headerPosition(io, info) < 0) {
+    const int64_t header_pos = yax::headerPosition(io, info);
+    if (header_pos < 0) {
         YAXLogE(tag, "File Search Error");
         return 0;
     }
+    yax::UndoScope undo(fp, header_pos);
+    if (!undo.ready()) return 0;
     const yax::Checker<FileIO> unchecked(io, nullptr, yax::FailTest::kNone);
     yax::shiftRows(info, block_length);
     io.write(block, block_length);
@@ -627,7 +649,7 @@ YAX_EXPORT int AddDirectYAXDataFP(FILE *fp, YaxInfo *info, uint32_t data_type,
         yax::vonoWords(vono, &start, &end);
         _writeVonoHeader(fp, start, end);
     }
-    return 1;
+    return undo.commit() ? 1 : 0;
 }
 
 YAX_EXPORT int saveFirstYAXTailToFP(FILE *fp, uint32_t block_length, uint32_t data_type,

@@ -20,7 +20,7 @@
 
 #include "container/layout.hpp"
 #include "support/io.hpp"
-#include "support/replace.hpp"
+#include "support/safe_file.hpp"
 #include "yax_container.h"
 #include "yax_support.h"
 #include "yax_vono.h"
@@ -195,26 +195,19 @@ unsigned char *scratch(uint64_t size, const char *tag) {
 // `body` writes the new file into the temporary stream. Then both streams are
 // closed, the temporary file takes the place of `path`, and `path` is opened
 // again for reading into info->fp. A temporary file that cannot be opened is
-// reported as success with nothing changed; callers have always relied on it.
+// reported as success with nothing changed; callers have always relied on it
+// (the safe-edit mode reports it, and any failed write, as 0 instead).
 template <typename Body>
 int rewrite(const char *path, YaxInfo *info, const char *mode, Body body) {
-    char *temp = _getTempFileName(path);
-    if (temp == nullptr) return 0;
-    FILE *out = _qfopen(temp, mode);
-    if (out == nullptr) {
-        _qfree(temp);
-        return 1;
-    }
-    body(FileIO{out});
-    _qfclose(out);
+    RewriteTemp temp(path, _getTempFileName);
+    if (!temp.named()) return 0;
+    if (!temp.open(mode)) return temp.untouchedResult();
+    body(FileIO{temp.fp()});
+    if (!temp.finish()) return 0;
     _qfclose(info->fp);
     info->fp = nullptr;
-    if (!replaceWithTemp(path, temp, kReplaceTag)) {
-        _qfree(temp);
-        return 0;
-    }
+    if (!temp.replace(path, kReplaceTag)) return 0;
     info->fp = _qfopen(path, "rb");
-    _qfree(temp);
     return 1;
 }
 
@@ -250,12 +243,16 @@ struct BufferInPlace {
     static int truncate(IO io, int64_t size) { return btruncate(io.h, size); }
 };
 
+// `keep_vono` false (the fast delete-all's small-entry path) drops a legacy
+// end record with the trailer.
 template <typename F>
-int deleteAllInPlace(typename F::IO io, YaxInfo *info) {
+int deleteAllInPlace(typename F::IO io, YaxInfo *info, bool keep_vono = true) {
     if (!io.ok() || info == nullptr || !F::hasStream(info) || info->file_size < 1) return 0;
     if (!tableFits(io, info, false, F::kAllTag)) return 0;
-    VonoInfo *vono = vonoOfStream(io);
     const int64_t start = dataStart(info);
+    auto undo = undoScope(io, start);
+    if (!undo.ready()) return 0;
+    VonoInfo *vono = keep_vono ? vonoOfStream(io) : nullptr;
     io.seek(0, SEEK_SET);
     const bool cut = F::truncate(io, start) == 0;
     if (!cut) {
@@ -265,7 +262,7 @@ int deleteAllInPlace(typename F::IO io, YaxInfo *info) {
         writeVonoEnd(io, vono, 0, 0);
     }
     _destroyVONODATA(vono);
-    return cut ? 1 : 0;
+    return cut && undo.commit() ? 1 : 0;
 }
 
 template <typename F>
@@ -284,6 +281,11 @@ int deleteOneInPlace(typename F::IO io, YaxInfo *info, uint32_t index, VonoInfo 
     if (kept_bytes == nullptr) return 0;
 
     const int64_t start = dataStart(info);
+    auto undo = undoScope(io, start);
+    if (!undo.ready()) {
+        _qfree(kept_bytes);
+        return 0;
+    }
     const uint32_t gone = info->meta_data[index]->length;
     uint64_t kept = 0;
     io.seek(start, SEEK_SET);
@@ -308,7 +310,7 @@ int deleteOneInPlace(typename F::IO io, YaxInfo *info, uint32_t index, VonoInfo 
     }
     writeTable(io, info, info->meta_count - 1, nullptr, [index](uint32_t i) { return i == index; });
     if (vono != nullptr) writeVonoEnd(io, vono, vono->count, vono->sound_moved ? gone : 0);
-    return 1;
+    return undo.commit() ? 1 : 0;
 }
 
 // ---- fast deletes ----
@@ -320,10 +322,15 @@ int fastDeleteAll(YaxInfo *info, bool keep_vono, const char *tag) {
     // Everything from the first block to the end of the file becomes one
     // filler entry with its own one-row header and tail.
     const uint64_t region = static_cast<uint64_t>(info->header_offset) + info->meta_data[0]->offset;
-    if (region < kMinFillerTrailer || region > UINT32_MAX) {
+    // A single entry whose block is shorter than the filler's own fields
+    // leaves no room for a filler trailer: it is cut off in place instead.
+    if (region < kMinFillerTrailer) return deleteAllInPlace<FileInPlace>(io, info, keep_vono);
+    if (region > UINT32_MAX) {
         YAXLogE(tag, "no room for the filler entry");
         return 0;
     }
+    UndoScope undo(info->fp, dataStart(info));
+    if (!undo.ready()) return 0;
     VonoInfo *vono = keep_vono ? vonoOfStream(io) : nullptr;
     io.seek(dataStart(info), SEEK_SET);
     writeDummyYAXDataHeader(info->fp, static_cast<uint32_t>(region), 0);
@@ -333,7 +340,7 @@ int fastDeleteAll(YaxInfo *info, bool keep_vono, const char *tag) {
         writeVonoDataHeader(info->fp, vono);
         _destroyVONODATA(vono);
     }
-    return 1;
+    return undo.commit() ? 1 : 0;
 }
 
 }  // namespace
@@ -504,12 +511,26 @@ YAX_EXPORT int FastDeleteAYAXData(YaxInfo *info, uint32_t index, VonoInfo *vono,
     }
     const yax::FileIO io{info->fp};
     if (!yax::tableFits(io, info, true, tag)) return 0;
+    // A block shorter than the filler's 20-byte fields, with no old filler
+    // to merge into, cannot become filler: that entry alone is deleted in
+    // place, and the file gets shorter by its length.
+    const uint32_t gone = info->meta_data[index]->length;
+    bool has_filler = false;
+    for (uint32_t i = 0; i < info->meta_count; ++i)
+        if (i != index && _getDataType(info->meta_data[i]->meta_type) == kFillerType)
+            has_filler = true;
+    if (!has_filler && gone < kFillerBlockHead)
+        return yax::deleteOneInPlace<yax::FileInPlace>(io, info, index, vono);
     const uint64_t region = static_cast<uint64_t>(info->header_offset) + info->meta_data[0]->offset;
     unsigned char *kept_bytes = yax::scratch(region, tag);
     if (kept_bytes == nullptr) return 0;
 
     const int64_t start = yax::dataStart(info);
-    const uint32_t gone = info->meta_data[index]->length;
+    yax::UndoScope undo(info->fp, start);
+    if (!undo.ready()) {
+        _qfree(kept_bytes);
+        return 0;
+    }
     uint64_t kept = 0, filler = 0;
     int64_t at = start;
     bool absorbed = false;
@@ -553,7 +574,7 @@ YAX_EXPORT int FastDeleteAYAXData(YaxInfo *info, uint32_t index, VonoInfo *vono,
     yax::writeTable(io, info, info->meta_count - (absorbed ? 1 : 0), &row,
                     [index, absorbed](uint32_t i) { return i == index || (absorbed && i == 0); });
     if (vono != nullptr) writeVonoDataHeader(info->fp, vono);
-    return 1;
+    return undo.commit() ? 1 : 0;
 }
 
 }  // extern "C"

@@ -74,6 +74,39 @@ YAX_EXPORT unsigned char *getYAXBuffer(YAXBUFFER *handle);
 YAX_EXPORT uint32_t getYAXBufferSize(YAXBUFFER *handle);
 YAX_EXPORT int32_t getYAXWriteSize(YAXBUFFER *handle);
 
+/* ---- safe-edit mode: this library's own extension, not part of the format's
+ * interface. One process-wide switch, off by default; the caller sets it.
+ *
+ * Always on, whatever the switch says (no documented result or log line
+ * changes): an edited file is flushed to the disk (fsync) before the edit
+ * returns, a rewritten file keeps the original's mode, owner (where
+ * permitted) and extended attributes, and the folder is flushed after the
+ * temporary file took the file's place.
+ *
+ * With the switch on:
+ *  - rewriting edits (the deletes that rebuild a file, the legacy audio edits)
+ *    write a temporary file beside the real target (symlinks resolved), named
+ *    ".<base name>.XXXXXX" by mkstemp, check every write and the close, and
+ *    on any failure remove it, leave the file untouched and return 0 (also
+ *    where the default mode documents 1 for a temporary file that cannot be
+ *    opened); the finished file is renamed over the target, never removed
+ *    first, and the folder is flushed;
+ *  - appending and in-place edits (adds, fast adds, in-place and fast deletes
+ *    of a file) first save the bytes they will change and the file's length
+ *    in ".<base name>.yaxundo" beside the target (flushed); any failed write
+ *    or flush puts them back and the edit returns 0, also where the default
+ *    mode documents 1 with unchecked writes. An undo file left by an
+ *    interruption blocks further edits of that file until yaxRecoverEdit
+ *    has put the old bytes back.
+ * Buffer flavours work in memory and are not affected. */
+YAX_EXPORT void yaxSetSafeEdit(int on);
+YAX_EXPORT int yaxGetSafeEdit(void); /* 1 or 0 */
+/* Puts back an appending or in-place edit of `path` that was interrupted in
+ * the safe-edit mode: 1 when the old bytes were restored, 0 when there was
+ * nothing to do (an undo file cut short is removed: the file was not touched
+ * yet), -1 when it could not be done (the undo file stays). */
+YAX_EXPORT int yaxRecoverEdit(const char *path);
+
 #ifdef __cplusplus
 }
 #endif

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "support/bytes.hpp"
+#include "support/safe_file.hpp"
 #include "yax_support.h"
 
 namespace {
@@ -17,7 +18,9 @@ int readN(FILE *stream, void *buffer, size_t length) {
 }
 
 int writeN(FILE *stream, const void *buffer, size_t length) {
-    return static_cast<int>(::write(fileno(stream), buffer, length));
+    const int r = static_cast<int>(::write(fileno(stream), buffer, length));
+    if (r != static_cast<int>(length)) yax::noteIoFailure();
+    return r;
 }
 
 void logShortWrite(int written, uint32_t wanted) {
@@ -102,11 +105,14 @@ YAX_EXPORT int _qrename(const char *old_path, const char *new_path) {
 YAX_EXPORT int _qfilecopy(FILE *destination, FILE *source, int64_t count) {
     if (destination == nullptr || source == nullptr || count == 0) return 0;
     auto *chunk = static_cast<unsigned char *>(_qmalloc(kCopyChunk));
-    if (chunk == nullptr) return 0;
+    if (chunk == nullptr) {
+        yax::noteIoFailure();
+        return 0;
+    }
     for (int64_t remaining = count; remaining > 0; remaining -= kCopyChunk) {
         uint32_t n = remaining < kCopyChunk ? static_cast<uint32_t>(remaining) : kCopyChunk;
         // a short read is not looked at: the chunk is written whole
-        readN(source, chunk, n);
+        if (readN(source, chunk, n) != static_cast<int>(n)) yax::noteIoFailure();
         int w = writeN(destination, chunk, n);
         if (w != static_cast<int>(n)) logShortWrite(w, n);
     }

@@ -30,8 +30,8 @@ bool retried(Op op, const char *tag, const char *message) {
 
 }  // namespace
 
-bool replaceWithTemp(const char *path, const char *temp, const char *tag) {
-    if (!retried([&] { return _qremove(path); }, tag,
+bool replaceWithTemp(const char *path, const char *temp, const char *tag, bool remove_first) {
+    if (remove_first && !retried([&] { return _qremove(path); }, tag,
                  "remove count is over 100 times. exit YAX process"))
         return false;
     return retried([&] { return _qrename(temp, path); }, tag,

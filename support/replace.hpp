@@ -1,7 +1,8 @@
 #pragma once
 // The last step of every rewriting edit: the finished temporary file takes the
-// edited file's place by remove-then-rename, each retried every 0.5 s while
-// another process (a media scanner, a viewer) still holds the file.
+// edited file's place by remove-then-rename (or, in the safe-edit mode, by a
+// rename over it alone, so the name never stands empty), each retried every
+// 0.5 s while another process (a media scanner, a viewer) still holds the file.
 
 namespace yax {
 
@@ -9,6 +10,6 @@ namespace yax {
 // step it logs "remove count is over 100 times. exit YAX process" or
 // "rename count is over 100 times. exit YAX process" under `tag` and returns
 // false; the temporary file is then left where it is.
-bool replaceWithTemp(const char *path, const char *temp, const char *tag);
+bool replaceWithTemp(const char *path, const char *temp, const char *tag, bool remove_first);
 
 }  // namespace yax

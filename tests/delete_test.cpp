@@ -270,15 +270,21 @@ TEST(FastDelete, LayoutsAfterTheDelete) {
     }
 }
 
-TEST(FastDelete, RefusalsAndTheirLines) {
-    const std::string tag = "FastDeleteAYAXData", room = "no room for the filler entry";
-    const Entry small{2, "s", "tiny", ""};  // shorter than the filler's own head
-    const Layout tight{{kThree[0], small, kThree[2]}}, alone{{small}};
+// A block shorter than the filler's 20-byte head (the smallest: 1-byte name,
+// 1-byte payload) cannot become filler: it alone is cut out in place, and a
+// filler already there takes it in instead.
+TEST(FastDelete, RefusalsAndBlocksUnderTwentyBytes) {
+    const std::string tag = "FastDeleteAYAXData";
+    const Entry small{2, "s", "t", ""}, nine{2, "n", "123456789", ""};
+    const Layout tight{{kThree[0], small, kThree[2]}}, alone{{small}}, last{{kOnly, nine}};
     expectEdit(InPlace, {}, [](Target &t) { return t.info->file_size = 0, fastOne(0)(t); }, Layout{}.bytes(),
                0, tu::errLine(tag, "YAX_info->fp, YAX_info->file_size null"));
-    expectEdit(InPlace, tight, fastOne(1), tight.bytes(), 0, tu::errLine(tag, room));
-    expectEdit(InPlace, alone, fastAll(FastDeleteAllData), alone.bytes(), 0,
-               tu::errLine("YAXEncoder::FastDeleteAllData", room));
+    expectEdit(InPlace, tight, fastOne(1), Layout{without(tight.entries, {1})}.bytes(), 1, "");
+    expectEdit(InPlace, last, fastOne(1), Layout{{kOnly}}.bytes(), 1, "");
+    for (auto all : {FastDeleteAllData, FastDeleteAllYAXData})
+        expectEdit(InPlace, alone, fastAll(all), kImage, 1, "");
+    const Layout merged{{filler(20), small, kOnly}};
+    expectEdit(InPlace, merged, fastOne(1), Layout{{filler(20 + 10 + 12), kOnly}}.bytes(), 1, "");
 }
 
 TEST(DeleteBeyondFourGiB, FastInPlaceAndTooLargeForMemory) {

@@ -4,13 +4,13 @@
 // A file holds either  image | sound | block  or, once entries were added,
 //   image | sound | data blocks | "YAXH" header | tail ("YAXT") | block.
 // Edits of the second kind, and every delete, rebuild the file under a
-// temporary name beside it and swap it in with yax::replaceWithTemp.
+// temporary name beside it and swap it in with yax::RewriteTemp.
 #include <cstdio>
 #include <cstring>
 
 #include "container/layout.hpp"
 #include "support/misrouted_write.hpp"
-#include "support/replace.hpp"
+#include "support/safe_file.hpp"
 #include "yax_api.h"
 #include "yax_container.h"
 #include "yax_support.h"
@@ -79,25 +79,6 @@ void closeTrailerStream(YAXDATA *y) {
         y->yax_info->fp = nullptr;
     }
 }
-
-// The temporary file of one rewriting edit: its name, its stream, and the
-// swap that ends the edit.
-struct TempFile {
-    char *name = nullptr;
-    FILE *fp = nullptr;
-
-    ~TempFile() {
-        if (fp != nullptr) _qfclose(fp);
-        _qfree(name);
-    }
-    bool makeName(const char *path) { return (name = _getVonoTempFileName(path)) != nullptr; }
-    bool open() { return (fp = _qfopen(name, "wb")) != nullptr; }
-    void close() {
-        _qfclose(fp);
-        fp = nullptr;
-    }
-    bool replace(const char *path) { return replaceWithTemp(path, name, kReplaceTag); }
-};
 
 // A Vono record this module parsed for itself and destroys again.
 struct OwnedVono {
@@ -244,18 +225,18 @@ YAX_EXPORT int deleteVono_NotExistYAX(const char *path, VonoInfo *info) {
     yax::OwnedVono own;
     if (info == nullptr) info = own.p = _checkAudioInImageFile(path);  // may stay null
 
-    yax::TempFile temp;
-    if (!temp.makeName(path)) return 0;
+    yax::RewriteTemp temp(path, _getVonoTempFileName);
+    if (!temp.named()) return 0;
     // A temporary file that cannot be made is reported as success.
-    if (!temp.open()) return 1;
+    if (!temp.open("wb")) return temp.untouchedResult();
     if (info == nullptr || info->fp == nullptr || _qlseek64(info->fp, 0, SEEK_SET) < 0) {
         YAXLogE(yax::kDeletePlainTag, "File Search Error");
-        return 1;
+        return temp.untouchedResult();
     }
-    _qfilecopy(temp.fp, info->fp, yax::firstSoundStart(info));
-    temp.close();
+    _qfilecopy(temp.fp(), info->fp, yax::firstSoundStart(info));
+    if (!temp.finish()) return 0;
     yax::closeStream(info);
-    return temp.replace(path) ? 1 : 0;
+    return temp.replace(path, yax::kReplaceTag) ? 1 : 0;
 }
 
 YAX_EXPORT int deleteVono_ExistYAX(const char *path, VonoInfo *info) {
@@ -267,12 +248,12 @@ YAX_EXPORT int deleteVono_ExistYAX(const char *path, VonoInfo *info) {
     yax::OwnedVono own;
     if (info == nullptr) info = own.p = _checkAudioInImageFile(path);
 
-    yax::TempFile temp;
-    if (!temp.makeName(path)) return 0;
-    if (!temp.open()) return 1;
+    yax::RewriteTemp temp(path, _getVonoTempFileName);
+    if (!temp.named()) return 0;
+    if (!temp.open("wb")) return temp.untouchedResult();
     if (info == nullptr || info->fp == nullptr || _qlseek64(info->fp, 0, SEEK_SET) < 0) {
         YAXLogE(yax::kDeleteYaxTag, "File Search Error 1");
-        return 1;
+        return temp.untouchedResult();
     }
     int64_t first_block = -1;
     if (yi->meta_count > 0 && yi->meta_data != nullptr && yi->meta_data[0] != nullptr)
@@ -283,20 +264,20 @@ YAX_EXPORT int deleteVono_ExistYAX(const char *path, VonoInfo *info) {
     const int64_t image_end = info->count > 0 && info->offsets != nullptr
                                   ? static_cast<int64_t>(info->offsets[0])
                                   : first_block;
-    _qfilecopy(temp.fp, info->fp, image_end);
+    _qfilecopy(temp.fp(), info->fp, image_end);
 
     if (first_block < 0 || _qlseek64(info->fp, first_block, SEEK_SET) < 0) {
         YAXLogE(yax::kDeleteYaxTag, "File Search Error 2");
-        return 1;
+        return temp.untouchedResult();
     }
     // The blocks follow the image back to back, so the rows stay as they are.
     for (uint32_t i = 0; i < yi->meta_count; ++i)
-        _qfilecopy(temp.fp, info->fp, yi->meta_data[i]->length);
-    yax::writeTrailerHeader(temp.fp, yi);
-    yax::writeOneSoundBlock(temp.fp, 0, 0, 0);
-    temp.close();
+        _qfilecopy(temp.fp(), info->fp, yi->meta_data[i]->length);
+    yax::writeTrailerHeader(temp.fp(), yi);
+    yax::writeOneSoundBlock(temp.fp(), 0, 0, 0);
+    if (!temp.finish()) return 0;
     yax::closeStream(info);
-    return temp.replace(path) ? 1 : 0;
+    return temp.replace(path, yax::kReplaceTag) ? 1 : 0;
 }
 
 YAX_EXPORT int addVonoSound(const char *path, VonoInfo *info, const void *data, uint32_t length) {
@@ -332,8 +313,8 @@ YAX_EXPORT int addVonoSound(const char *path, VonoInfo *info, const void *data, 
     yax::closeTrailerStream(trailer.p);
     if (source == nullptr || source->fp == nullptr) return 0;
 
-    yax::TempFile temp;
-    if (!temp.makeName(path) || !temp.open()) return 0;
+    yax::RewriteTemp temp(path, _getVonoTempFileName);
+    if (!temp.named() || !temp.open("wb")) return 0;
 
     const YaxInfo *yi = trailer.p->yax_info;
     const int64_t image_end = yi->data_start_position;
@@ -341,20 +322,20 @@ YAX_EXPORT int addVonoSound(const char *path, VonoInfo *info, const void *data, 
         YAXLogE(yax::kAddTag, "File Search Error");
         return 0;
     }
-    _qfilecopy(temp.fp, source->fp, image_end);
-    _qfwrite(data, length, temp.fp);
+    _qfilecopy(temp.fp(), source->fp, image_end);
+    _qfwrite(data, length, temp.fp());
     if (_qlseek64(source->fp, image_end, SEEK_SET) < 0) {
         YAXLogE(yax::kAddTag, "File Search Error");
         return 0;
     }
     for (uint32_t i = 0; i < yi->meta_count; ++i)
-        _qfilecopy(temp.fp, source->fp, yi->meta_data[i]->length);
-    yax::writeTrailerHeader(temp.fp, yi);
+        _qfilecopy(temp.fp(), source->fp, yi->meta_data[i]->length);
+    yax::writeTrailerHeader(temp.fp(), yi);
     const auto start = static_cast<uint32_t>(image_end);
-    yax::writeOneSoundBlock(temp.fp, 1, start, start + length);
-    temp.close();
+    yax::writeOneSoundBlock(temp.fp(), 1, start, start + length);
+    if (!temp.finish()) return 0;
     yax::closeStream(source);
-    if (!temp.replace(path)) return 0;
+    if (!temp.replace(path, yax::kReplaceTag)) return 0;
     return result;
 }
 

@@ -1,0 +1,114 @@
+#pragma once
+// What keeps an edit from losing the file it works on.
+//
+// Always on (no documented result or log line depends on it): the finished
+// file is flushed to the disk with fsync before an edit returns, and a
+// rewritten file keeps the original's mode, owner (where permitted) and
+// extended attributes.
+//
+// Under the safe-edit mode (yaxSetSafeEdit, process-wide, off by default):
+//  - a rewriting edit writes its temporary file beside the real target
+//    (symlinks resolved) under a mkstemp name made from the target's folder
+//    and base name, checks every write and the close, and on any failure
+//    removes it and leaves the target alone; the finished file is renamed
+//    over the target (no remove first) and the folder is flushed;
+//  - an appending or in-place edit first saves the bytes it is about to
+//    change and the file's length in an undo file beside the target; a
+//    failed write puts them back before the edit reports failure, and after
+//    an interruption yaxRecoverEdit puts them back.
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "support/io.hpp"
+
+namespace yax {
+
+bool safeEdits();
+
+// Every failed or short write, short copy read and failed copy allocation of
+// this thread is counted; an edit compares the count before and after.
+uint64_t ioFailures();
+void noteIoFailure();
+
+// fsync of the stream's descriptor; false when it fails.
+bool syncStream(FILE *fp);
+// fsync of the folder that holds `path`.
+void syncFolder(const std::string &path);
+
+// The temporary file of one rewriting edit of `path`.
+class RewriteTemp {
+public:
+    // `documented` makes the default mode's temporary name (a heap string,
+    // null when none can be made); the safe mode makes its own.
+    RewriteTemp(const char *path, char *(*documented)(const char *));
+    ~RewriteTemp();
+    RewriteTemp(const RewriteTemp &) = delete;
+    RewriteTemp &operator=(const RewriteTemp &) = delete;
+
+    bool named() const { return !name_.empty(); }
+    // False when the file cannot be made. What an edit reports when it stops
+    // with the target untouched after this point is untouchedResult(): 1 in
+    // the default mode (documented), 0 in safe mode.
+    bool open(const char *mode);
+    int untouchedResult() const { return safe_ ? 0 : 1; }
+    FILE *fp() const { return fp_; }
+    // Flushes, gives the temporary file the original's metadata and closes
+    // it. Safe mode: false (and the temporary file removed) when a write since
+    // open() or the close failed.
+    bool finish();
+    // Puts the finished file in place of the target, with `tag` for the
+    // retry loop's messages. On failure in safe mode the temporary file is
+    // removed; in the default mode it stays, as documented.
+    bool replace(const char *path, const char *tag);
+
+private:
+    std::string target_;  // the real file: symlinks resolved in safe mode
+    std::string name_;
+    FILE *fp_ = nullptr;
+    uint64_t failures_ = 0;
+    bool safe_ = false;
+    bool done_ = false;
+};
+
+// One appending or in-place edit of an open file. In safe mode the bytes from
+// `from` to the end and the length are saved (in memory and in the undo file)
+// before the edit writes; commit() checks that no write failed since, and
+// restores the old bytes when one did (as does destruction without commit).
+// In the default mode it only flushes the file on commit.
+class UndoScope {
+public:
+    UndoScope(FILE *fp, int64_t from);
+    ~UndoScope();
+    UndoScope(const UndoScope &) = delete;
+    UndoScope &operator=(const UndoScope &) = delete;
+
+    // False in safe mode when the old bytes could not be saved: the edit must
+    // not start.
+    bool ready() const { return ready_; }
+    // True when the edit stands (always in the default mode).
+    bool commit();
+
+private:
+    void restore();
+    FILE *fp_;
+    bool safe_;
+    bool ready_ = true;
+    bool open_ = false;
+    int64_t from_ = 0, length_ = 0;
+    std::vector<unsigned char> old_;
+    std::string journal_;
+    uint64_t failures_ = 0;
+};
+
+// Buffers live in memory: nothing to save or flush.
+struct NoUndo {
+    bool ready() const { return true; }
+    bool commit() { return true; }
+};
+
+inline UndoScope undoScope(const FileIO &io, int64_t from) { return UndoScope(io.fp, from); }
+inline NoUndo undoScope(const BufIO &, int64_t) { return {}; }
+
+}  // namespace yax
