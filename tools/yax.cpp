@@ -11,6 +11,7 @@
 // library prints its own log lines on standard output; they never reach the
 // tool's output (see LibraryQuiet).
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,6 +20,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -193,6 +195,7 @@ struct Entry {
     bool readable = false;  // payload (and sub-information) located inside the file
     int64_t offset = 0, length = 0;
     int64_t subOffset = 0, subLength = 0;
+    uint32_t blockLength = 0;  // the row's length: the whole block
     std::string kind;  // "", "filler", "tonephoto-sound", "tonephoto-list"
 };
 
@@ -203,6 +206,7 @@ struct Sound {
 
 struct Contents {
     int signature = 0;
+    int64_t firstBlock = -1;  // where the first data block starts (the file's size without a trailer)
     std::vector<Entry> entries;
     std::vector<std::string> tonePhoto;  // the names of the TonePhoto list
     std::vector<Sound> legacy;           // sounds of the legacy audio block
@@ -246,6 +250,10 @@ std::optional<std::string> readContents(const std::string &path, Contents &c) {
     if (c.signature < SIGNATURE_NONE || c.signature > SIGNATURE_VONO_YAX)
         return "cannot read " + path;
 
+    if (c.signature == SIGNATURE_NONE) {
+        struct stat st {};
+        if (stat(path.c_str(), &st) == 0) c.firstBlock = st.st_size;
+    }
     if (hasTrailer(c.signature)) {
         LibraryQuiet quiet;
         YAXDATA *yd = checkYAXWithReadPM(path.c_str());
@@ -260,6 +268,9 @@ std::optional<std::string> readContents(const std::string &path, Contents &c) {
             tone.insert(c.tonePhoto.back());
         }
         YaxInfo *info = yd->yax_info;
+        if (info->meta_count != 0 && info->meta_data[0] != nullptr)
+            c.firstBlock = info->file_size - static_cast<int64_t>(info->header_offset) -
+                           static_cast<int64_t>(info->meta_data[0]->offset);
         for (uint32_t i = 0; i < yd->count && i < info->meta_count; ++i) {
             const YaxEntry *row = info->meta_data[i];
             if (row == nullptr) continue;
@@ -268,6 +279,7 @@ std::optional<std::string> readContents(const std::string &path, Contents &c) {
             e.name = yd->YAX_name_list[i] ? yd->YAX_name_list[i] : "";
             e.type = row->meta_type >> 16;
             e.hasSubInfo = row->has_sub_info != 0;
+            e.blockLength = row->length;
             locate(info, e);
             if (e.name == kFillerName && e.type == YAX_INVALID_DATA_TYPE)
                 e.kind = "filler";
@@ -298,6 +310,50 @@ std::optional<std::string> readContents(const std::string &path, Contents &c) {
     }
     return std::nullopt;
 }
+
+// The lock on one file. A file replaced while this waited (a rewriting edit
+// renames a new file into place) is opened and locked again.
+class FileLock {
+public:
+    ~FileLock() {
+        if (fd_ >= 0) close(fd_);
+    }
+    // Nothing when the file cannot be opened: the command's own checks say why.
+    std::optional<std::string> acquire(const std::string &path) {
+        for (int tries = 0; tries < 1000; ++tries) {
+            bool writable = true;
+            fd_ = open(path.c_str(), O_RDWR | O_CLOEXEC);
+            if (fd_ < 0) {
+                writable = false;
+                fd_ = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+            }
+            if (fd_ < 0) return std::nullopt;
+            int r;
+            while ((r = flock(fd_, writable ? LOCK_EX : LOCK_SH)) != 0 && errno == EINTR) {
+            }
+            struct stat held {}, named {};
+            if (r == 0 && fstat(fd_, &held) == 0 && stat(path.c_str(), &named) == 0 &&
+                held.st_dev == named.st_dev && held.st_ino == named.st_ino) {
+                if (!writable) return std::nullopt;
+                int recovered;
+                {
+                    LibraryQuiet quiet;
+                    recovered = yaxRecoverEdit(path.c_str());
+                }
+                if (recovered < 0)
+                    return "an interrupted edit of " + path + " could not be put back";
+                return std::nullopt;
+            }
+            close(fd_);
+            fd_ = -1;
+            if (r != 0) return "cannot lock " + path + ": " + std::strerror(errno);
+        }
+        return "cannot lock " + path + ": it keeps being replaced";
+    }
+
+private:
+    int fd_ = -1;
+};
 
 // ---------------------------------------------------------------------------
 // list
@@ -369,6 +425,8 @@ std::string listJson(const std::string &path, const Contents &c) {
 }
 
 int cmdList(const std::string &path, bool json) {
+    FileLock lock;
+    if (auto why = lock.acquire(path)) return fail(*why);
     Contents c;
     if (auto why = readContents(path, c)) return fail(*why);
     if (c.legacyUnreadable) return fail(path + ": the legacy audio block is damaged and cannot be read");
@@ -387,6 +445,8 @@ const Entry *findEntry(const Contents &c, const std::string &name) {
 
 int cmdGet(const std::string &path, const std::string &name, const std::string &outPath,
            bool subInfo) {
+    FileLock lock;
+    if (auto why = lock.acquire(path)) return fail(*why);
     Contents c;
     if (auto why = readContents(path, c)) return fail(*why);
     const Entry *e = findEntry(c, name);
@@ -436,6 +496,14 @@ int cmdGet(const std::string &path, const std::string &name, const std::string &
 
 // ---------------------------------------------------------------------------
 // Edits
+//
+// Every command holds an advisory lock (flock) on the file while it runs:
+// exclusive when the file can be written, shared otherwise, so that yax runs
+// on one file queue instead of colliding (list and get put back an
+// interrupted edit too, when they may write). Programs that do not take the lock
+// are not held back by it. Edits run in the library's safe-edit mode, an edit
+// that was interrupted is put back first, and after each edit the file is
+// read again to see that it holds what the command promised.
 
 // The entries of a file about to be edited: refuses files the tool cannot
 // write, cannot read, or whose trailer is damaged.
@@ -444,9 +512,63 @@ std::optional<std::string> prepareEdit(const std::string &path, Contents &c) {
     return readContents(path, c);
 }
 
+// The library's parse refuses a trailer whose file is shorter than the header
+// distance plus the rows counted once more and 20 bytes; with the blocks and
+// rows an edit leaves, that is: first block position + blocks < 12 x rows + 20.
+bool parseWouldRefuse(const Contents &c, uint64_t blocks, uint64_t rows) {
+    return rows != 0 && c.firstBlock >= 0 &&
+           static_cast<uint64_t>(c.firstBlock) + blocks < 12 * rows + 20;
+}
+
+uint64_t blockSum(const Contents &c) {
+    uint64_t sum = 0;
+    for (const Entry &e : c.entries) sum += e.blockLength;
+    return sum;
+}
+
+std::string tooSmall(const std::string &path) {
+    return path + ": the image in front of the entries is too small for this edit; the "
+                  "library could not read the file back afterwards";
+}
+
+// After an edit: what the file must hold, or why it does not.
+std::optional<std::string> verifyEdit(const std::string &path, const Contents &before,
+                                      const std::set<std::string> &gone, const std::string &added,
+                                      const std::vector<unsigned char> *data) {
+    Contents after;
+    if (auto why = readContents(path, after))
+        return "after the edit: " + *why;
+    std::map<std::string, int> count;
+    for (const Entry &e : after.entries) ++count[e.name];
+    for (const Entry &e : before.entries) {
+        if (e.kind == "filler" || gone.count(e.name) || e.name == added) continue;
+        if (count[e.name] == 0) return "entry " + quoted(e.name) + " is missing";
+    }
+    for (const std::string &n : gone)
+        if (count[n] != 0) return "entry " + quoted(n) + " is still there";
+    if (data == nullptr) return std::nullopt;
+    const Entry *e = findEntry(after, added);
+    if (e == nullptr || count[added] != 1 || !e->readable ||
+        e->length != static_cast<int64_t>(data->size()))
+        return "entry " + quoted(added) + " was not stored once and whole";
+    std::vector<unsigned char> stored(data->size());
+    FILE *in = std::fopen(path.c_str(), "rb");
+    bool same = in != nullptr && fseeko(in, static_cast<off_t>(e->offset), SEEK_SET) == 0 &&
+                std::fread(stored.data(), 1, stored.size(), in) == stored.size() && stored == *data;
+    if (in != nullptr) std::fclose(in);
+    if (!same) return "entry " + quoted(added) + " does not read back as stored";
+    return std::nullopt;
+}
+
+int unverified(const std::string &path, const std::string &why) {
+    return fail(path + ": the edit did not take effect as asked (" + why + ")");
+}
+
 int cmdPut(const std::string &path, const std::string &name, const std::string &dataPath,
            uint32_t type, const std::string &subPath, bool replace, bool fast) {
     if (name.empty()) return fail("the entry name is empty");
+    if (name == kFillerName)
+        return fail(quoted(name) + " is the name of the filler that fast edits reuse; pick another");
     if (name.size() > kMaxNameLength)
         return fail("the entry name is longer than " + std::to_string(kMaxNameLength) + " bytes");
     if (type == YAX_USER_DEFINED_DATA && subPath.empty())
@@ -462,13 +584,25 @@ int cmdPut(const std::string &path, const std::string &name, const std::string &
         if (sub.size() > kMaxPayload) return fail("the sub-information is too big to store");
     }
 
+    FileLock lock;
+    if (auto why = lock.acquire(path)) return fail(*why);
     Contents c;
     if (auto why = prepareEdit(path, c)) return fail(*why);
-    if (findEntry(c, name) != nullptr && !replace)
+    const Entry *old = findEntry(c, name);
+    if (old != nullptr && !replace)
         return fail(path + ": an entry named " + quoted(name) +
                     " already exists (use --replace to overwrite it)");
     if (fast && hasLegacy(c.signature))
         return fail(path + ": --fast cannot edit a file that holds legacy audio; save without --fast");
+    // Rows and blocks afterwards, counted so as never to overrate the room:
+    // a fast edit may leave one filler row more, and may put the block into
+    // the filler's room instead of adding it.
+    const uint64_t block = 8 + name.size() + data.size() + (sub.empty() ? 0 : 4 + sub.size());
+    uint64_t blocks = blockSum(c), rows = c.entries.size() + 1;
+    if (old != nullptr && (!fast || old->blockLength < 20)) blocks -= old->blockLength, --rows;
+    if (fast) ++rows;
+    else blocks += block;
+    if (!hasLegacy(c.signature) && parseWouldRefuse(c, blocks, rows)) return fail(tooSmall(path));
 
     int ok;
     {
@@ -486,6 +620,7 @@ int cmdPut(const std::string &path, const std::string &name, const std::string &
     if (ok != 1)
         return fail(path + ": saving " + quoted(name) +
                     " failed (the file has no room for it or could not be written; --verbose shows why)");
+    if (auto why = verifyEdit(path, c, {}, name, &data)) return unverified(path, *why);
     return kOk;
 }
 
@@ -494,11 +629,18 @@ int cmdRemove(const std::string &path, const std::vector<std::string> &names, bo
     for (const std::string &n : names)
         if (!seen.insert(n).second) return fail(quoted(n) + " is named twice");
 
+    FileLock lock;
+    if (auto why = lock.acquire(path)) return fail(*why);
     Contents c;
     if (auto why = prepareEdit(path, c)) return fail(*why);
     // Nothing is touched unless every name is there.
-    for (const std::string &n : names)
-        if (findEntry(c, n) == nullptr) return fail(path + ": no entry named " + quoted(n));
+    uint64_t blocks = blockSum(c), rows = c.entries.size() - names.size() + (fast ? 1 : 0);
+    for (const std::string &n : names) {
+        const Entry *e = findEntry(c, n);
+        if (e == nullptr) return fail(path + ": no entry named " + quoted(n));
+        if (!fast || e->blockLength < 20) blocks -= e->blockLength;
+    }
+    if (rows > (fast ? 1u : 0u) && parseWouldRefuse(c, blocks, rows)) return fail(tooSmall(path));
 
     if (fast) {
         for (const std::string &n : names) {
@@ -509,38 +651,40 @@ int cmdRemove(const std::string &path, const std::vector<std::string> &names, bo
             }
             if (ok != 1) return fail(path + ": removing " + quoted(n) + " failed");
         }
-        return kOk;
-    }
-
-    YAXDATA *handle;
-    {
-        LibraryQuiet quiet;
-        handle = checkYAXInFile(path.c_str());
-    }
-    if (handle == nullptr) return fail(path + ": the trailer is damaged and cannot be read");
-    for (const std::string &n : names) {
-        int ok = 0;
+    } else {
+        YAXDATA *handle;
         {
             LibraryQuiet quiet;
-            // The handle turns null once the last entry is gone; names were
-            // checked to be present and distinct, so that is the final one.
-            if (handle != nullptr)
-                ok = deleteYAXDataFromFilebyName(&handle, n.c_str(), static_cast<int>(n.size()));
+            handle = checkYAXInFile(path.c_str());
         }
-        if (ok != 1) {
+        if (handle == nullptr) return fail(path + ": the trailer is damaged and cannot be read");
+        for (const std::string &n : names) {
+            int ok = 0;
             {
                 LibraryQuiet quiet;
-                destroyYAXDATA(handle);
+                // The handle turns null once the last entry is gone; names were
+                // checked to be present and distinct, so that is the final one.
+                if (handle != nullptr)
+                    ok = deleteYAXDataFromFilebyName(&handle, n.c_str(), static_cast<int>(n.size()));
             }
-            return fail(path + ": removing " + quoted(n) + " failed");
+            if (ok != 1) {
+                {
+                    LibraryQuiet quiet;
+                    destroyYAXDATA(handle);
+                }
+                return fail(path + ": removing " + quoted(n) + " failed");
+            }
         }
+        LibraryQuiet quiet;
+        destroyYAXDATA(handle);
     }
-    LibraryQuiet quiet;
-    destroyYAXDATA(handle);
+    if (auto why = verifyEdit(path, c, seen, "", nullptr)) return unverified(path, *why);
     return kOk;
 }
 
 int cmdClear(const std::string &path, bool fast) {
+    FileLock lock;
+    if (auto why = lock.acquire(path)) return fail(*why);
     Contents c;
     if (auto why = prepareEdit(path, c)) return fail(*why);
     if (c.signature == SIGNATURE_NONE) return kOk;  // nothing stored
@@ -552,6 +696,10 @@ int cmdClear(const std::string &path, bool fast) {
         ok = fast ? deleteFastAllYAXData(path.c_str()) : deleteAllDataFromFile(path.c_str());
     }
     if (ok != 1) return fail(path + ": removing the entries failed");
+    std::set<std::string> all;
+    for (const Entry &e : c.entries)
+        if (e.kind != "filler") all.insert(e.name);
+    if (auto why = verifyEdit(path, c, all, "", nullptr)) return unverified(path, *why);
     return kOk;
 }
 
@@ -621,6 +769,8 @@ int main(int argc, char **argv) {
         return kUsage;
     }
 
+    // Every edit is checked write by write and moved into place whole.
+    yaxSetSafeEdit(1);
     try {
         if (list->parsed()) return cmdList(file, json);
         if (get->parsed()) return cmdGet(file, name, out, subInfo);
