@@ -5,6 +5,7 @@
 // fits. Files ending in a legacy audio block are refused.
 #include <cstdio>
 
+#include "api/edit_group.hpp"
 #include "api/save_common.hpp"
 #include "container/layout.hpp"
 #include "yax_api.h"
@@ -32,35 +33,10 @@ bool firstRowIsFiller(YAXDATA *yd) {
            _getDataType(yd->yax_info->meta_data[0]->meta_type) == layout::kFillerType;
 }
 
-}  // namespace
-}  // namespace yax
-
-extern "C" {
-
-YAX_EXPORT int saveFastYAXDataToFP(FILE *fp, const char *name, uint32_t name_length,
-                                   const void *sub_info, uint32_t sub_info_length,
-                                   const void *data, uint32_t data_length, uint32_t data_type,
-                                   int option) {
-    using namespace yax;
-    constexpr const char *tag = "YAXAPIs::saveFastYAXDataToFP";
-    if (fp == nullptr) {
-        YAXLogE(tag, "fp null\n");
-        return 0;
-    }
-    if (name == nullptr || name_length == 0) {
-        YAXLogE(tag, "YAXName null\n");
-        return 0;
-    }
-    // A missing payload and an empty one read the same to the caller.
-    if (data == nullptr || data_length == 0) {
-        YAXLogE(tag, "data is null\n");
-        return 0;
-    }
-    if (data_type == YAX_USER_DEFINED_DATA && (sub_info == nullptr || sub_info_length == 0)) {
-        YAXLogE(tag, "data_type null\n");
-        return 0;
-    }
-
+// The steps of the fast save, after its checks.
+int fastSave(FILE *fp, const char *name, uint32_t name_length, const void *sub_info,
+             uint32_t sub_info_length, const void *data, uint32_t data_length, uint32_t data_type,
+             int option) {
     unsigned int signature = getSignatureFP(fp);
     if (signature == SIGNATURE_NONE)
         return AddYAXDataInFirstTimeFP(fp, name, name_length, data_type, sub_info,
@@ -96,6 +72,42 @@ YAX_EXPORT int saveFastYAXDataToFP(FILE *fp, const char *name, uint32_t name_len
     }
     return FastAddYAXData(yd->yax_info, name, name_length, data_type, sub_info, sub_info_length,
                           data, data_length, reuse_first);
+}
+
+}  // namespace
+}  // namespace yax
+
+extern "C" {
+
+YAX_EXPORT int saveFastYAXDataToFP(FILE *fp, const char *name, uint32_t name_length,
+                                   const void *sub_info, uint32_t sub_info_length,
+                                   const void *data, uint32_t data_length, uint32_t data_type,
+                                   int option) {
+    using namespace yax;
+    constexpr const char *tag = "YAXAPIs::saveFastYAXDataToFP";
+    if (fp == nullptr) {
+        YAXLogE(tag, "fp null\n");
+        return 0;
+    }
+    if (name == nullptr || name_length == 0) {
+        YAXLogE(tag, "YAXName null\n");
+        return 0;
+    }
+    // A missing payload and an empty one read the same to the caller.
+    if (data == nullptr || data_length == 0) {
+        YAXLogE(tag, "data is null\n");
+        return 0;
+    }
+    if (data_type == YAX_USER_DEFINED_DATA && (sub_info == nullptr || sub_info_length == 0)) {
+        YAXLogE(tag, "data_type null\n");
+        return 0;
+    }
+
+    // The safe-edit mode makes the save one edit (see edit_group.hpp).
+    api::EditGroup group(fp);
+    if (!group.ready()) return 0;
+    return group.finish(
+        yax::fastSave(fp, name, name_length, sub_info, sub_info_length, data, data_length, data_type, option));
 }
 
 // The stream opened here is not closed: every write has already gone to the

@@ -14,6 +14,7 @@
 
 #include <cstring>
 
+#include "api/edit_group.hpp"
 #include "api/save_common.hpp"
 #include "container/layout.hpp"
 #include "yax_api.h"
@@ -100,6 +101,7 @@ bool usable(const VonoInfo *v) {
 // By path: every step opens and closes what it needs.
 struct PathTarget {
     const char *path;
+    const char *where() const { return path; }
 
     int signature() const { return getSignature(path); }
     YAXDATA *parse() const { return checkYAXInFile(path); }
@@ -138,6 +140,7 @@ struct PathTarget {
 // By open stream: the caller's stream is used throughout and stays open.
 struct StreamTarget {
     FILE *fp;
+    FILE *where() const { return fp; }
 
     int signature() const { return static_cast<int>(getSignatureFP(fp)); }
     YAXDATA *parse() const { return checkYAXInFP(fp); }
@@ -254,8 +257,12 @@ int addToTrailer(const Target &t, const Adder &adder, const Request &rq, const B
         t.release(yd);
         if (deleted == 0) return 0;
         yd = t.parse();
-        // The replaced entry was the only one: start a new trailer.
-        if (yd == nullptr) return adder.first();
+        // The replaced entry was the only one: start a new trailer. A trailer
+        // that is there but cannot be parsed (no memory) is not overwritten.
+        if (yd == nullptr) {
+            const int left = t.signature();
+            return left == SIGNATURE_YAX || left == SIGNATURE_VONO_YAX ? 0 : adder.first();
+        }
     }
     int result = adder.add(yd->yax_info, vono);
     t.release(yd);
@@ -304,7 +311,18 @@ int convertThenAdd(const Target &t, const Adder &adder, const Request &rq, const
 }
 
 template <typename Target, typename Adder>
+int saveSteps(const Target &t, const Adder &adder, const Request &rq, const BranchMsgs &m);
+
+// The safe-edit mode makes every save one edit (see edit_group.hpp).
+template <typename Target, typename Adder>
 int saveDecision(const Target &t, const Adder &adder, const Request &rq, const BranchMsgs &m) {
+    api::EditGroup group(t.where());
+    if (!group.ready()) return 0;
+    return group.finish(saveSteps(t, adder, rq, m));
+}
+
+template <typename Target, typename Adder>
+int saveSteps(const Target &t, const Adder &adder, const Request &rq, const BranchMsgs &m) {
     int signature = t.signature();
     switch (signature) {
     case SIGNATURE_NONE:

@@ -10,6 +10,7 @@
 
 #include "container/layout.hpp"
 #include "support/io.hpp"
+#include "support/safe_file.hpp"
 #include "yax_container.h"
 #include "yax_support.h"
 
@@ -124,7 +125,10 @@ void putZeros(const FileIO &io, uint32_t count) {
     if (count == 0) return;
     uint32_t chunk = count < kZeroChunk ? count : kZeroChunk;
     void *zeros = _qmalloc(chunk);
-    if (zeros == nullptr) return;
+    if (zeros == nullptr) {
+        noteIoFailure();  // the zeros are missing from the file as surely as after a failed write
+        return;
+    }
     for (uint32_t left = count; left != 0;) {
         uint32_t n = left < chunk ? left : chunk;
         if (io.writeFailed(io.write(zeros, n))) break;

@@ -192,16 +192,39 @@ bool RewriteTemp::replace(const char *path, const char *tag) {
 
 // ---- appending and in-place edits ----
 
-UndoScope::UndoScope(FILE *fp, int64_t from) : fp_(fp), safe_(safeEdits()) {
+thread_local int tOpenScopes = 0;
+
+UndoScope::UndoScope(FILE *fp, int64_t from) : fp_(fp), safe_(safeEdits()), from_(from) {
     if (!safe_ || fp == nullptr) return;
-    const int fd = fileno(fp);
+    save(fileno(fp), pathOfStream(fp));
+}
+
+UndoScope::UndoScope(const char *path, int64_t from)
+    : path_(resolved(path)), safe_(safeEdits()), from_(from) {
+    if (!safe_) return;
+    const int fd = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        ready_ = false;
+        return;
+    }
+    save(fd, path_);
+    close(fd);
+}
+
+// The old bytes and length, in memory and in the undo file beside `real`.
+void UndoScope::save(int fd, const std::string &real) {
+    failures_ = ioFailures();
+    if (tOpenScopes > 0) {
+        nested_ = open_ = true;
+        return;
+    }
     struct stat st {};
     if (fstat(fd, &st) != 0) {
         ready_ = false;
         return;
     }
     length_ = st.st_size;
-    from_ = from < 0 ? 0 : from > length_ ? length_ : from;
+    from_ = from_ < 0 ? 0 : from_ > length_ ? length_ : from_;
     const auto count = static_cast<uint64_t>(length_ - from_);
     if (count > SIZE_MAX - kUndoFixed) {
         ready_ = false;
@@ -221,7 +244,6 @@ UndoScope::UndoScope(FILE *fp, int64_t from) : fp_(fp), safe_(safeEdits()) {
     std::memcpy(&record[record.size() - 8], kUndoEnd, 8);
     old_.assign(record.begin() + 32, record.end() - 8);
 
-    const std::string real = pathOfStream(fp);
     if (!real.empty()) {
         journal_ = undoName(real);
         // An undo file that is already there belongs to an interrupted edit
@@ -247,10 +269,19 @@ UndoScope::UndoScope(FILE *fp, int64_t from) : fp_(fp), safe_(safeEdits()) {
     }
     failures_ = ioFailures();
     open_ = true;
+    ++tOpenScopes;
 }
 
 UndoScope::~UndoScope() {
     if (open_) restore();
+}
+
+int UndoScope::openForWrite() const {
+    return fp_ != nullptr ? fileno(fp_) : ::open(path_.c_str(), O_WRONLY | O_CLOEXEC);
+}
+
+void UndoScope::closeAfterWrite(int fd) const {
+    if (fp_ == nullptr && fd >= 0) close(fd);
 }
 
 bool UndoScope::commit() {
@@ -259,20 +290,31 @@ bool UndoScope::commit() {
         return true;
     }
     if (!open_) return false;
-    if (ioFailures() != failures_ || !syncStream(fp_)) {
+    if (nested_) {
+        open_ = false;
+        return ioFailures() == failures_;
+    }
+    const int fd = openForWrite();
+    const bool synced = fd >= 0 && fsync(fd) == 0;
+    closeAfterWrite(fd);
+    if (ioFailures() != failures_ || !synced) {
         restore();
         return false;
     }
     open_ = false;
+    --tOpenScopes;
     if (!journal_.empty()) unlink(journal_.c_str());
     return true;
 }
 
 void UndoScope::restore() {
     open_ = false;
-    const int fd = fileno(fp_);
-    const bool ok = writeFully(fd, old_.data(), old_.size(), from_) &&
+    if (nested_) return;
+    --tOpenScopes;
+    const int fd = openForWrite();
+    const bool ok = fd >= 0 && writeFully(fd, old_.data(), old_.size(), from_) &&
                     ftruncate64(fd, static_cast<off64_t>(length_)) == 0 && fsync(fd) == 0;
+    closeAfterWrite(fd);
     if (!ok) {
         YAXLogE(kTag, "cannot put the old bytes back; %s keeps them", journal_.c_str());
         return;

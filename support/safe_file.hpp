@@ -77,9 +77,16 @@ private:
 // before the edit writes; commit() checks that no write failed since, and
 // restores the old bytes when one did (as does destruction without commit).
 // In the default mode it only flushes the file on commit.
+//
+// Scopes nest: one made while another is open on this thread (the delete and
+// the add of a replace, inside the save's own scope) saves nothing and only
+// reports failed writes; the outermost one puts everything back.
 class UndoScope {
 public:
     UndoScope(FILE *fp, int64_t from);
+    // By name: the bytes go back into whatever file has the name by then (a
+    // rewriting edit inside the scope may have renamed a new one into place).
+    UndoScope(const char *path, int64_t from);
     ~UndoScope();
     UndoScope(const UndoScope &) = delete;
     UndoScope &operator=(const UndoScope &) = delete;
@@ -91,9 +98,14 @@ public:
     bool commit();
 
 private:
+    void save(int fd, const std::string &real);
     void restore();
-    FILE *fp_;
+    int openForWrite() const;
+    void closeAfterWrite(int fd) const;
+    FILE *fp_ = nullptr;
+    std::string path_;  // set when the scope works by name
     bool safe_;
+    bool nested_ = false;
     bool ready_ = true;
     bool open_ = false;
     int64_t from_ = 0, length_ = 0;

@@ -658,7 +658,18 @@ int cmdRemove(const std::string &path, const std::vector<std::string> &names, bo
             handle = checkYAXInFile(path.c_str());
         }
         if (handle == nullptr) return fail(path + ": the trailer is damaged and cannot be read");
+        if (names.size() > 1 && !hasLegacy(c.signature)) {
+            // Several names in one rewrite, so that they go all together or
+            // not at all (its result is always 1: the check below decides).
+            std::vector<const char *> list;
+            for (const std::string &n : names) list.push_back(n.c_str());
+            LibraryQuiet quiet;
+            deleteYAXMultiDataFromFilebyName(&handle, list.data(), static_cast<uint32_t>(list.size()));
+            destroyYAXDATA(handle);
+            handle = nullptr;
+        }
         for (const std::string &n : names) {
+            if (handle == nullptr) break;
             int ok = 0;
             {
                 LibraryQuiet quiet;
@@ -678,7 +689,11 @@ int cmdRemove(const std::string &path, const std::vector<std::string> &names, bo
         LibraryQuiet quiet;
         destroyYAXDATA(handle);
     }
-    if (auto why = verifyEdit(path, c, seen, "", nullptr)) return unverified(path, *why);
+    if (auto why = verifyEdit(path, c, seen, "", nullptr)) {
+        // A rewrite that was refused (no room for the copy, say) changed nothing.
+        if (!fast && names.size() > 1) return fail(path + ": removing the entries failed");
+        return unverified(path, *why);
+    }
     return kOk;
 }
 

@@ -1,0 +1,61 @@
+#include "api/edit_group.hpp"
+
+#include <unistd.h>
+
+#include "yax_api.h"
+#include "yax_container.h"
+#include "yax_vono.h"
+
+namespace yax::api {
+namespace {
+
+// Where the first byte a save may change lies: the end of a file without
+// entries, the first data block (or its MP4 box head), or the first sound of
+// a legacy block. -1 when the file cannot be read.
+int64_t changeStart(FILE *fp) {
+    int64_t from = -1;
+    switch (getSignatureFP(fp)) {
+    case SIGNATURE_NONE: from = _qlseek64(fp, 0, SEEK_END); break;
+    case SIGNATURE_YAX:
+    case SIGNATURE_VONO_YAX:
+        if (YAXDATA *yd = checkYAXInFP(fp)) {
+            from = yd->yax_info->data_start_position;
+            destroyYAXDATA_FP(yd);
+        }
+        break;
+    case SIGNATURE_VONO:
+        if (VonoInfo *v = _checkAudioInImageFP(fp)) {
+            if (v->count > 0 && v->offsets != nullptr) from = v->offsets[0];
+            v->fp = nullptr;
+            DestroyVonoFP(v);
+        }
+        break;
+    default: break;
+    }
+    return from;
+}
+
+}  // namespace
+
+EditGroup::EditGroup(FILE *fp) {
+    if (!safeEdits() || fp == nullptr) return;
+    const int64_t from = changeStart(fp);
+    if (from >= 0) scope_ = std::make_unique<UndoScope>(fp, from);
+}
+
+EditGroup::EditGroup(const char *path) {
+    if (!safeEdits() || path == nullptr) return;
+    FILE *fp = _qfopen(path, "rb");
+    if (fp == nullptr) return;
+    const int64_t from = changeStart(fp);
+    _qfclose(fp);
+    if (from >= 0) scope_ = std::make_unique<UndoScope>(path, from);
+}
+
+int EditGroup::finish(int result) {
+    if (scope_ == nullptr) return result;
+    if (result != 1) return result;  // the scope puts the file back as it goes
+    return scope_->commit() ? 1 : 0;
+}
+
+}  // namespace yax::api

@@ -1,0 +1,29 @@
+#pragma once
+// Link-time wrappers (-Wl,--wrap) around the calls an edit makes to change a
+// file: they make the Nth call of one kind fail, and can record every change
+// to replay it later. Programs linked with them read YAX_FAULT="kind:N" and
+// write "fired" to the file named by YAX_FAULT_REPORT when the fault was hit.
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace fault {
+
+enum Kind { kWrite, kClose, kFsync, kTruncate, kRename, kAlloc, kKinds };
+extern const char *const kKindNames[kKinds];
+
+void arm(Kind kind, int n);  // the nth call of `kind` from now on fails
+void disarm();
+bool fired();
+
+// A change made to a file, in the order made.
+struct Op {
+    enum What { kWriteAt, kTruncateTo, kRenameTo, kUnlink } what;
+    std::string path, to;
+    int64_t at = 0;
+    std::vector<unsigned char> bytes;
+};
+void record(bool on);
+std::vector<Op> takeOps();
+
+}  // namespace fault
