@@ -64,6 +64,10 @@ int fastSave(FILE *fp, const char *name, uint32_t name_length, const void *sub_i
         // filler, so row 0 is looked at again.
         if (FastDeleteAYAXData(yd->yax_info, index, nullptr, 1) != 1) return 0;
         yd.reset(checkYAXInFP(fp));
+        // Only a single entry under 20 bytes leaves no trailer: start anew.
+        if (!yd && getSignatureFP(fp) == SIGNATURE_NONE)
+            return AddYAXDataInFirstTimeFP(fp, name, name_length, data_type, sub_info,
+                                           sub_info_length, data, data_length);
         if (!yd) return 0;
         reuse_first = yd->count != 0 && yax::layout::kFillerType ==
                                             _getDataType(yd->yax_info->meta_data[0]->meta_type)

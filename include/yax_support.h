@@ -90,7 +90,9 @@ YAX_EXPORT int32_t getYAXWriteSize(YAXBUFFER *handle);
  *    on any failure remove it, leave the file untouched and return 0 (also
  *    where the default mode documents 1 for a temporary file that cannot be
  *    opened); the finished file is renamed over the target, never removed
- *    first, and the folder is flushed;
+ *    first, and the folder is flushed; a file with several hard links is
+ *    written over in place instead (from the first byte that changes, under
+ *    the undo file described next), so that all its names see the edit;
  *  - appending and in-place edits (adds, fast adds, in-place and fast deletes
  *    of a file) first save the bytes they will change and the file's length
  *    in ".<base name>.yaxundo" beside the target (flushed); any failed write

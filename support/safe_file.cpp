@@ -180,9 +180,52 @@ bool RewriteTemp::finish() {
     return ok;
 }
 
+namespace {
+
+// A file with more than one name keeps them all: the finished content goes
+// into the same file from the first byte that differs on, under an undo
+// scope, and the temporary file is removed.
+bool copyInto(const std::string &target, const std::string &temp) {
+    const int in = ::open(temp.c_str(), O_RDONLY | O_CLOEXEC);
+    const int old = ::open(target.c_str(), O_RDONLY | O_CLOEXEC);
+    struct stat st {};
+    bool ok = in >= 0 && old >= 0 && fstat(in, &st) == 0;
+    std::vector<unsigned char> a(1 << 16), b(1 << 16);
+    int64_t from = 0;
+    while (ok) {
+        const ssize_t n = pread64(in, a.data(), a.size(), from);
+        const ssize_t m = n > 0 ? pread64(old, b.data(), static_cast<size_t>(n), from) : 0;
+        if (n <= 0 || m != n || std::memcmp(a.data(), b.data(), static_cast<size_t>(n)) != 0) break;
+        from += n;
+    }
+    if (old >= 0) close(old);
+    if (ok) {
+        UndoScope undo(target.c_str(), from);
+        const int out = ::open(target.c_str(), O_WRONLY | O_CLOEXEC);
+        ok = undo.ready() && out >= 0;
+        for (int64_t at = from; ok && at < st.st_size;) {
+            const ssize_t n = pread64(in, a.data(), a.size(), at);
+            ok = n > 0 && writeFully(out, a.data(), static_cast<size_t>(n), at);
+            at += n;
+        }
+        ok = ok && ftruncate64(out, st.st_size) == 0;
+        if (out >= 0) ok = close(out) == 0 && ok;
+        if (!ok) noteIoFailure();
+        ok = undo.commit() && ok;
+    }
+    if (in >= 0) close(in);
+    unlink(temp.c_str());
+    return ok;
+}
+
+}  // namespace
+
 bool RewriteTemp::replace(const char *path, const char *tag) {
-    const bool ok = safe_ ? replaceWithTemp(target_.c_str(), name_.c_str(), tag, false)
-                          : replaceWithTemp(path, name_.c_str(), tag, true);
+    struct stat st {};
+    const bool linked = safe_ && stat(target_.c_str(), &st) == 0 && st.st_nlink > 1;
+    const bool ok = linked  ? copyInto(target_, name_)
+                    : safe_ ? replaceWithTemp(target_.c_str(), name_.c_str(), tag, false)
+                            : replaceWithTemp(path, name_.c_str(), tag, true);
     if (ok) {
         done_ = true;
         syncFolder(target_);

@@ -11,7 +11,9 @@
 //    (symlinks resolved) under a mkstemp name made from the target's folder
 //    and base name, checks every write and the close, and on any failure
 //    removes it and leaves the target alone; the finished file is renamed
-//    over the target (no remove first) and the folder is flushed;
+//    over the target (no remove first) and the folder is flushed; a target
+//    with several hard links is instead written over from the first byte
+//    that changes, under an undo scope, so that every name sees the edit;
 //  - an appending or in-place edit first saves the bytes it is about to
 //    change and the file's length in an undo file beside the target; a
 //    failed write puts them back before the edit reports failure, and after

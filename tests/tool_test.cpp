@@ -1,6 +1,8 @@
 // The yax tool end to end, run as a separate program the way a user runs it:
 // exit codes, standard output and error, and the edited files byte for byte.
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 
 #include <sstream>
 #include <tuple>
@@ -33,15 +35,20 @@ protected:
     // Runs the tool (through the emulator when cross-compiled) with `input` on
     // its standard input. The dot files it leaves are not listed by dir.list().
     Outcome yax(const Strings &args, const std::string &input = "") const {
-        std::string cmd, in = dir.path(".in"), out = dir.path(".out"), err = dir.path(".err");
-        std::istringstream words(YAX_TOOL_LAUNCHER "|" YAX_TOOL);
-        for (std::string word; std::getline(words, word, '|');)
-            if (!word.empty()) cmd += "'" + word + "' ";
+        std::string cmd = tool(), in = dir.path(".in"), out = dir.path(".out"), err = dir.path(".err");
         for (const std::string &a : args) cmd += "'" + a + "' ";
         tu::writeFile(in, tb::bytes(input));
         int status = std::system((cmd + "<'" + in + "' >'" + out + "' 2>'" + err + "'").c_str());
         return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text(tu::readFile(out)),
                 text(tu::readFile(err))};
+    }
+    // The command that starts the tool, quoted for the shell.
+    static std::string tool() {
+        std::string cmd;
+        std::istringstream words(YAX_TOOL_LAUNCHER "|" YAX_TOOL);
+        for (std::string word; std::getline(words, word, '|');)
+            if (!word.empty()) cmd += "'" + word + "' ";
+        return cmd;
     }
     // An offset `n` bytes past the image, as the tool prints it.
     std::string at(size_t n) const { return std::to_string(jpeg.size() + n); }
@@ -201,6 +208,89 @@ TEST_F(ToolTest, LegacyAudioAndTonePhoto) {
               ok("0\tTonePhoto_000\t256\t40\t0\t" + at(21) + "\ttonephoto-sound\n" +
                  "1\tTonePhoto_Meta_Info\t2048\t29\t0\t" + at(88) + "\ttonephoto-list\n" +
                  "2\tnote\t5\t2\t0\t" + at(129) + "\naudio0\t-\t-\t40\t-\t" + at(21) + "\tlegacy-audio\n"));
+}
+
+// Edits whose result the library could not read back are refused beforehand
+// (a trailer behind a 17-byte image: the parse counts the rows twice), as is
+// the filler's name; a fast replace or delete of a block under 20 bytes
+// takes out that entry alone.
+TEST_F(ToolTest, RefusalsThatKeepTheFileReadableAndTheSmallestBlocks) {
+    const Bytes tiny = tb::bytes("\xff\xd8\xff\xe0hello-image\xff\xd9");
+    tu::writeFile(image, tiny);
+    const std::string small = image + ": the image in front of the entries is too small for this edit; the "
+                                      "library could not read the file back afterwards";
+    EXPECT_EQ(yax({"put", image, "a"}, "abcde"), failed(small));
+    EXPECT_EQ(yax({"put", image, "a"}, "abcdef"), ok());  // 17 + 15 bytes: just enough for one row
+    EXPECT_EQ(yax({"put", image, "b"}, "x"), failed(small));
+    EXPECT_EQ(yax({"rm", image, "a"}), ok());
+    EXPECT_EQ(tu::readFile(image), tiny);
+    EXPECT_EQ(yax({"put", image, "Invalid_Data"}, "x"),
+              failed("'Invalid_Data' is the name of the filler that fast edits reuse; pick another"));
+
+    tu::writeFile(image, jpeg);
+    const Entry meta{1, "photo-meta", std::string(24, 'm'), ""};
+    for (const char *v : {"abcd", "wxyz"})
+        ASSERT_EQ(yax({"put", image, "flag", "--fast", "--replace"}, v), ok());
+    ASSERT_EQ(yax({"put", image, "photo-meta"}, meta.payload), ok());
+    EXPECT_EQ(yax({"put", image, "flag", "--fast", "--replace"}, "1"), ok());
+    EXPECT_EQ(tu::readFile(image), jpeg + tb::trailer({meta, {1, "flag", "1", ""}}));
+    EXPECT_EQ(yax({"rm", image, "flag", "--fast"}), ok());
+    EXPECT_EQ(tu::readFile(image), jpeg + tb::trailer({meta}));
+}
+
+// Two put loops of 25 names each on one file at once, three times: the lock
+// queues them, and every one of the 50 entries is there afterwards.
+TEST_F(ToolTest, ConcurrentPutsQueueOnTheLock) {
+    const std::string fails = dir.path(".fails");
+    const auto loop = [&](const char *prefix) {
+        return "(for i in $(seq 1 25); do printf x | " + tool() + "put '" + image + "' " + prefix +
+               "$i - || echo " + prefix + "$i >> '" + fails + "'; done)";
+    };
+    for (int round = 0; round < 3; ++round) {
+        tu::writeFile(image, jpeg);
+        ASSERT_EQ(0, std::system((loop("a") + " & " + loop("b") + " & wait").c_str()));
+        EXPECT_FALSE(tu::exists(fails)) << text(tu::readFile(fails));
+        const auto [code, out, err] = yax({"list", image});
+        ASSERT_EQ(0, code) << err;
+        for (const char *prefix : {"a", "b"})
+            for (int i = 1; i <= 25; ++i)
+                EXPECT_NE(std::string::npos, out.find("\t" + std::string(prefix) + std::to_string(i) + "\t1\t1\t"))
+                    << "round " << round << ": " << prefix << i;
+        EXPECT_EQ(50, std::count(out.begin(), out.end(), '\n'));
+    }
+}
+
+// Every kind of edit through a symlink keeps the link, the other hard link,
+// the mode, the owner (when this runs as root) and the extended attributes,
+// and leaves no temporary or undo file behind.
+TEST_F(ToolTest, EditsKeepModeOwnerAttributesAndLinks) {
+    const std::string link = dir.path("link.jpg"), hard = dir.path("hard.jpg");
+    ASSERT_EQ(0, symlink(image.c_str(), link.c_str()));
+    ASSERT_EQ(0, ::link(image.c_str(), hard.c_str()));
+    ASSERT_EQ(0, chmod(image.c_str(), 0640));
+    const bool root = geteuid() == 0 && chown(image.c_str(), 1234, 4321) == 0;
+    const bool xattrs = setxattr(image.c_str(), "user.note", "kept", 4, 0) == 0;
+    const std::vector<Strings> edits = {{"put", link, "a"},          {"put", link, "b"},
+                                        {"put", link, "b", "--replace"}, {"rm", link, "a"},
+                                        {"put", link, "b", "--fast", "--replace"},
+                                        {"rm", link, "b", "--fast"},  {"put", link, "c"},
+                                        {"clear", link}};
+    for (const Strings &edit : edits) {
+        SCOPED_TRACE(edit[0] + " " + edit[2]);
+        ASSERT_EQ(yax(edit, "payload"), ok());
+        struct stat st {};
+        EXPECT_TRUE(lstat(link.c_str(), &st) == 0 && S_ISLNK(st.st_mode));
+        ASSERT_EQ(0, stat(image.c_str(), &st));
+        EXPECT_EQ(0640u, st.st_mode & 07777);
+        EXPECT_EQ(2u, st.st_nlink);
+        EXPECT_TRUE(!root || (st.st_uid == 1234 && st.st_gid == 4321));
+        char value[8] = {};
+        EXPECT_TRUE(!xattrs || getxattr(image.c_str(), "user.note", value, sizeof value) == 4);
+        EXPECT_EQ(tu::readFile(hard), tu::readFile(image));
+        EXPECT_EQ(dir.list(), (Strings{"hard.jpg", "link.jpg", "photo.jpg"}));
+        EXPECT_EQ(0, std::system(("test -z \"$(ls -A '" + dir.dir() + "' | grep -v '^\\.\\(in\\|out\\|err\\)$' | grep '^\\.')\"").c_str()));
+    }
+    EXPECT_EQ(tu::readFile(image), jpeg);
 }
 
 }  // namespace
