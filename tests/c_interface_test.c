@@ -28,6 +28,11 @@ int main(void) {
     destroyYAXBuffer(b);
     CHECK(_setMetaType(3, 1) == 229376u);
     CHECK(getExtIndex("photo.jpg") == 5);
+    CHECK(yaxGetSafeEdit() == 0); /* off until the caller sets it */
+    yaxSetSafeEdit(1);
+    CHECK(yaxGetSafeEdit() == 1);
+    yaxSetSafeEdit(0);
+    CHECK(yaxRecoverEdit("no-such-file.jpg") == 0);
     printf("%d passed, %d failed\n", failures == 0 ? 1 : 0, failures == 0 ? 0 : 1);
     return failures == 0 ? 0 : 1;
 }
