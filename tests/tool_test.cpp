@@ -276,7 +276,7 @@ TEST_F(ToolTest, EditsKeepModeOwnerAttributesAndLinks) {
                                         {"rm", link, "b", "--fast"},  {"put", link, "c"},
                                         {"clear", link}};
     for (const Strings &edit : edits) {
-        SCOPED_TRACE(edit[0] + " " + edit[2]);
+        SCOPED_TRACE(edit[0] + " " + edit.back());
         ASSERT_EQ(yax(edit, "payload"), ok());
         struct stat st {};
         EXPECT_TRUE(lstat(link.c_str(), &st) == 0 && S_ISLNK(st.st_mode));
