@@ -271,6 +271,10 @@ TEST(CrashSimulation, NoSafeModeCrashPointLosesAnUntouchedEntry) {
         std::printf("crash points losing an untouched entry, %-32s default %3d of %3d, safe mode %d of %d\n",
                     e.what, plain.first, plain.second, safe.first, safe.second);
         EXPECT_EQ(0, safe.first) << e.what;
+        // Without the switch an edit still sends each header, table or run of
+        // moved blocks in one write: only a torn write of it, or the moment
+        // between a shrinking edit's write and its cut, can lose an entry.
+        EXPECT_LE(plain.first, 2) << e.what;
     }
 }
 
