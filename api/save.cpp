@@ -86,6 +86,22 @@ constexpr BranchMsgs kStreamMsgs{
     "SIGNATURE_VONO_YAX NOT UPDATE!!",
 };
 
+// The buffer flavour refuses legacy audio with the unknown-ending message,
+// so its legacy texts are never used.
+constexpr BranchMsgs kBufferMsgs{
+    "YAXAPIs::saveYAXDataToBuffer",
+    kStreamMsgs.unknown_signature,
+    nullptr,
+    nullptr,
+    nullptr,
+    kStreamMsgs.yax_no_data,
+    kStreamMsgs.yax_check,
+    kStreamMsgs.yax_not_update,
+    nullptr,
+    nullptr,
+    nullptr,
+};
+
 void say(const BranchMsgs &m, const char *text) {
     if (m.tag != nullptr && text != nullptr) YAXLogE(m.tag, text);
 }
@@ -100,6 +116,8 @@ bool usable(const VonoInfo *v) {
 
 // By path: every step opens and closes what it needs.
 struct PathTarget {
+    static constexpr bool kConvertsLegacy = true;
+    static constexpr bool kUndoable = true;
     const char *path;
     const char *where() const { return path; }
 
@@ -139,6 +157,8 @@ struct PathTarget {
 
 // By open stream: the caller's stream is used throughout and stays open.
 struct StreamTarget {
+    static constexpr bool kConvertsLegacy = true;
+    static constexpr bool kUndoable = true;
     FILE *fp;
     FILE *where() const { return fp; }
 
@@ -190,6 +210,36 @@ struct StreamTarget {
     int add(YaxInfo *info, const EntryArgs &e, VonoInfo *v) const {
         return AddYAXDataFP(fp, info, e.name, e.name_length, e.data_type, e.sub_info,
                             e.sub_info_length, e.data, e.data_length, v);
+    }
+};
+
+// In a buffer stream. Two documented differences from a stream: a buffer
+// with legacy audio is refused rather than converted, and there is no undo
+// copy (the buffer is the caller's own copy; a replace's delete stays done
+// when the add after it fails). A buffer nothing was written to counts as
+// one without a trailer, whatever its bytes. The parses are released with
+// the stream flavour's destroy; the two differ only in which handle they
+// forget, and neither touches the buffer.
+struct BufferTarget {
+    static constexpr bool kConvertsLegacy = false;
+    static constexpr bool kUndoable = false;
+    YAXBUFFER *h;
+
+    int signature() const {
+        return qbgetWriteSize(h) == 0 ? SIGNATURE_NONE : static_cast<int>(getSignatureBuffer(h));
+    }
+    YAXDATA *parse() const { return checkYAXInBuffer(h); }
+    void release(YAXDATA *d) const { destroyYAXDATA_FP(d); }
+    int deleteEntry(YaxInfo *info, uint32_t index, VonoInfo *v) const {
+        return DeleteAYAXDataBuffer(h, info, index, v);
+    }
+    int addFirst(const EntryArgs &e) const {
+        return AddYAXDataInFirstTimeBuffer(h, e.name, e.name_length, e.data_type, e.sub_info,
+                                           e.sub_info_length, e.data, e.data_length);
+    }
+    int add(YaxInfo *info, const EntryArgs &e, VonoInfo *v) const {
+        return AddYAXDataBuffer(h, info, e.name, e.name_length, e.data_type, e.sub_info,
+                                e.sub_info_length, e.data, e.data_length, v);
     }
 };
 
@@ -316,9 +366,13 @@ int saveSteps(const Target &t, const Adder &adder, const Request &rq, const Bran
 // The safe-edit mode makes every save one edit (see edit_group.hpp).
 template <typename Target, typename Adder>
 int saveDecision(const Target &t, const Adder &adder, const Request &rq, const BranchMsgs &m) {
-    api::EditGroup group(t.where(), rq.key, (rq.option & 1) != 0);
-    if (!group.ready()) return 0;
-    return group.finish(saveSteps(t, adder, rq, m));
+    if constexpr (!Target::kUndoable) {
+        return saveSteps(t, adder, rq, m);
+    } else {
+        api::EditGroup group(t.where(), rq.key, (rq.option & 1) != 0);
+        if (!group.ready()) return 0;
+        return group.finish(saveSteps(t, adder, rq, m));
+    }
 }
 
 template <typename Target, typename Adder>
@@ -328,26 +382,31 @@ int saveSteps(const Target &t, const Adder &adder, const Request &rq, const Bran
     case SIGNATURE_NONE:
         return adder.first();
     case SIGNATURE_VONO:
-        return convertThenAdd(t, adder, rq, m);
+        if constexpr (Target::kConvertsLegacy) return convertThenAdd(t, adder, rq, m);
+        break;
     case SIGNATURE_YAX:
         return addToTrailer(t, adder, rq, m, {m.yax_no_data, m.yax_check, m.yax_not_update},
                             nullptr, rq.sub_for_yax);
-    case SIGNATURE_VONO_YAX: {
-        LegacyHold<Target> legacy{t, t.legacy()};
-        if (!usable(legacy.v)) {
-            say(m, m.vono_yax_no_data);
-            return 0;
+    case SIGNATURE_VONO_YAX:
+        if constexpr (Target::kConvertsLegacy) {
+            LegacyHold<Target> legacy{t, t.legacy()};
+            if (!usable(legacy.v)) {
+                say(m, m.vono_yax_no_data);
+                return 0;
+            }
+            t.detach(legacy.v);
+            return addToTrailer(t, adder, rq, m,
+                                {m.vono_yax_no_data, m.vono_yax_check, m.vono_yax_not_update},
+                                legacy.v, rq.sub_for_vono_yax);
         }
-        t.detach(legacy.v);
-        return addToTrailer(t, adder, rq, m,
-                            {m.vono_yax_no_data, m.vono_yax_check, m.vono_yax_not_update},
-                            legacy.v, rq.sub_for_vono_yax);
-    }
+        break;
     default:
-        if (m.tag != nullptr && m.unknown_signature != nullptr)
-            YAXLogE(m.tag, m.unknown_signature, signature);
-        return 0;
+        break;
     }
+    // Unknown endings, and legacy audio where the target does not convert it.
+    if (m.tag != nullptr && m.unknown_signature != nullptr)
+        YAXLogE(m.tag, m.unknown_signature, signature);
+    return 0;
 }
 
 // The path flavour has always handed 0 as the sub-information length to
@@ -382,6 +441,14 @@ int saveEntryByStream(FILE *fp, const EntryArgs &e, int option, const BranchMsgs
     if (!key) return 0;
     StreamTarget t{fp};
     return saveDecision(t, EntryAdder<StreamTarget>{t, e}, streamRequest(key.get(), e, option), m);
+}
+
+int saveEntryInBuffer(YAXBUFFER *h, const EntryArgs &e, int option) {
+    QChars key = api::copyName(e.name, e.name_length);
+    if (!key) return 0;
+    BufferTarget t{h};
+    return saveDecision(t, EntryAdder<BufferTarget>{t, e}, streamRequest(key.get(), e, option),
+                        kBufferMsgs);
 }
 
 constexpr const char *kPathTag = "YAXAPI";
@@ -449,6 +516,45 @@ YAX_EXPORT int saveYAXDataToFP(FILE *fp, const char *name, uint32_t name_length,
     }
     EntryArgs e{name, name_length, sub_info, sub_info_length, data, data_length, data_type};
     return saveEntryByStream(fp, e, option, kStreamMsgs);
+}
+
+YAX_EXPORT int saveYAXDataToBuffer(YAXBUFFER *buffer, const char *name, uint32_t name_length,
+                                   const void *sub_info, uint32_t sub_info_length,
+                                   const void *data, uint32_t data_length, uint32_t data_type,
+                                   int option) {
+    using namespace yax;
+    const char *tag = kBufferMsgs.tag;
+    if (buffer == nullptr) {
+        YAXLogE(tag, "Buffer NULL !!");
+        return 0;
+    }
+    if (data == nullptr || data_length == 0) {
+        YAXLogE(tag, "data == VELTA_YAX_NULL || data_len <= 0");
+        return 0;
+    }
+    if (data_type == YAX_USER_DEFINED_DATA && !hasSubInfo(sub_info, sub_info_length)) {
+        YAXLogE(tag, "type & sub wrong !!");
+        return 0;
+    }
+    if (data_length >= layout::kSizeLimit) {
+        YAXLogE(tag, kTooBig);
+        return 0;
+    }
+    if (qbgetBufferSize(buffer) == 0) return 0;
+    // Beyond what the buffer flavour has always checked: a name is required
+    // (it is copied and compared), and a handle whose written size is not
+    // inside its storage is not read or written at all.
+    if (name == nullptr || name_length == 0) {
+        YAXLogE(tag, "YAXName == VELTA_YAX_NULL || YAXName_len <= 0");
+        return 0;
+    }
+    if (buffer->buffer == nullptr || buffer->write_size < 0 ||
+        static_cast<uint32_t>(buffer->write_size) > buffer->buffer_size) {
+        YAXLogE(tag, "buffer write size out of range");
+        return 0;
+    }
+    EntryArgs e{name, name_length, sub_info, sub_info_length, data, data_length, data_type};
+    return saveEntryInBuffer(buffer, e, option);
 }
 
 YAX_EXPORT int saveYAXFileDataToFile(const char *path, const char *name, uint32_t name_length,

@@ -84,6 +84,21 @@ YAX_EXPORT int saveFastYAXDataFileToFile(const char *path, const char *name, uin
                                          const char *payload_path, uint32_t data_type,
                                          int option);
 
+/* ---- a whole file held in a buffer stream ---- */
+/* the query record of a buffer (no path); destroyYAXDATA_Buffer leaves the buffer alone */
+YAX_EXPORT YAXDATA *checkYAXInBuffer(YAXBUFFER *buffer);
+YAX_EXPORT void destroyYAXDATA_Buffer(YAXDATA *yaxdata);
+/* adds (or, with bit 0 of option, replaces) one entry; buffers with legacy audio are refused */
+YAX_EXPORT int saveYAXDataToBuffer(YAXBUFFER *buffer, const char *name, uint32_t name_length,
+                                   const void *sub_info, uint32_t sub_info_length,
+                                   const void *data, uint32_t data_length, uint32_t data_type,
+                                   int option);
+/* write the buffer's written bytes out; the byte count or -1. These two report
+ * their failures on standard output, not through the log. WriteHandle_Fp
+ * neither flushes nor closes the stream. */
+YAX_EXPORT int WriteHandle_Fp(YAXBUFFER *buffer, FILE *fp);
+YAX_EXPORT int WriteHandle_FilePath(const char *path, YAXBUFFER *buffer);
+
 /* ---- delete ---- */
 /* replaces *handle with a fresh record (or NULL) on success */
 YAX_EXPORT int deleteYAXDataFromFilebyName(YAXDATA **handle, const char *name, int name_length);

@@ -26,6 +26,21 @@ int main(void) {
     CHECK(getYAXWriteSize(b) == 4);
     CHECK(memcmp(getYAXBuffer(b), "\x44\x33\x22\x11", 4) == 0);
     destroyYAXBuffer(b);
+
+    /* a whole file in memory: one entry in, parsed back, written out */
+    b = initYAXBuffer(256);
+    static const unsigned char image[64] = {0xFF, 0xD8};
+    CHECK(_qbwrite(image, sizeof image, b) == 64);
+    CHECK(saveYAXDataToBuffer(b, "k", 1, NULL, 0, "v", 1, 1, 0) == 1);
+    YAXDATA *yd = checkYAXInBuffer(b);
+    CHECK(yd != NULL && yd->count == 1 && strcmp(yd->YAX_name_list[0], "k") == 0);
+    destroyYAXDATA_Buffer(yd);
+    FILE *out = tmpfile();
+    CHECK(out != NULL && WriteHandle_Fp(b, out) == getYAXWriteSize(b));
+    if (out != NULL) fclose(out);
+    CHECK(WriteHandle_FilePath("no-such-dir/out.jpg", b) == -1);
+    destroyYAXBuffer(b);
+
     CHECK(_setMetaType(3, 1) == 229376u);
     CHECK(getExtIndex("photo.jpg") == 5);
     CHECK(yaxGetSafeEdit() == 0); /* off until the caller sets it */

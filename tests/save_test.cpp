@@ -1,5 +1,5 @@
-// Saving one entry by path and by stream: whole files compared with bytes the
-// builder computes, the replace and refuse rules, the legacy audio branches,
+// Saving one entry by path, by stream and into a buffer stream written out to
+// the file: whole files compared with bytes the builder computes, the replace and refuse rules, the legacy audio branches,
 // the refusals with their exact log lines, payload files, formatted blocks
 // and the streaming header/tail pair.
 #include <functional>
@@ -15,6 +15,7 @@ using tu::errLine;
 namespace {
 
 constexpr const char *kFP = "YAXAPIs::saveYAXDataToFP";
+constexpr const char *kBuf = "YAXAPIs::saveYAXDataToBuffer";
 const std::string kNoRoom = errLine(
     "checkYAXInfoForSaving", "There is no storage for saving YAX data in the source file, delete a yax data");
 const Entry kA{5, "a", "first payload", ""}, kB{6, "bee", "second", "sub-info"};
@@ -24,8 +25,9 @@ const Entry kC{7, "c", "third payload!", ""};
 #define BY_PATH(x) [=]([[maybe_unused]] const char *f, FILE *) { return x; }
 #define BY_FP(x) [=](const char *, FILE *fp) { return x; }
 
-// The path and stream flavours, driven alike.
-enum class Via { Path, Stream };
+// The path, stream and buffer flavours, driven alike. The buffer holds the
+// file's bytes with room to spare and is written back over the file.
+enum class Via { Path, Stream, Buffer };
 
 class Save : public ApiTest, public ::testing::WithParamInterface<Via> {
 protected:
@@ -37,6 +39,15 @@ protected:
         const char *name = e.name.c_str(), *data = e.payload.data();
         if (GetParam() == Via::Path)
             return saveYAXDataToFile(file.c_str(), name, nl, sub, sl, data, len, e.type, option);
+        if (GetParam() == Via::Buffer) {
+            const Bytes before = now();
+            YAXBUFFER *b = initYAXBuffer(u32size(before) + 4096);
+            EXPECT_EQ(_qbwrite(before.data(), u32size(before), b), int(before.size()));
+            const int r = saveYAXDataToBuffer(b, name, nl, sub, sl, data, len, e.type, option);
+            EXPECT_EQ(WriteHandle_FilePath(file.c_str(), b), getYAXWriteSize(b));
+            destroyYAXBuffer(b);
+            return r;
+        }
         FILE *fp = _qfopen(file.c_str(), "r+b");
         const int r = saveYAXDataToFP(fp, name, nl, sub, sl, data, len, e.type, option);
         return _qfclose(fp), r;
@@ -44,19 +55,23 @@ protected:
 };
 
 // Replacing the only entry starts a new trailer; later saves append; a present
-// name is refused without bit 0 of the option (only the stream flavour says
-// so) and moved to the end with it; the name is looked up by its given bytes.
+// name is refused without bit 0 of the option (the path flavour silently) and
+// moved to the end with it; the name is looked up by its given bytes.
 // Legacy audio alone: the sound becomes the TonePhoto pair, the new entry
 // follows, and a legacy block pointing into the sound entry closes the file;
-// later saves keep that block behind the new tail.
+// later saves keep that block behind the new tail. A buffer with legacy audio
+// is refused as it is.
 TEST_P(Save, AppendRefuseReplaceAndConvert) {
     const Entry a0{3, "a", "x", ""}, a2{9, "a", "replacement of another length", "s"};
     const Entry b2{6, "bee", "other", ""};
     put(host() + trailer({a0}));
     // (a braced list is evaluated in order)
     EXPECT_EQ(std::vector<int>({save(kA, 1), save(kB), save(kC)}), std::vector<int>({1, 1, 1}));
+    const std::string notUpdate = "SIGNATURE_YAX NOT UPDATE!!";
     EXPECT_EQ(tu::capture([&] { EXPECT_EQ(save(a2, 2), 0); }),
-              GetParam() == Via::Path ? "" : errLine(kFP, "SIGNATURE_YAX NOT UPDATE!!"));
+              GetParam() == Via::Path     ? ""
+              : GetParam() == Via::Stream ? errLine(kFP, notUpdate)
+                                          : errLine(kBuf, notUpdate));
     EXPECT_EQ(save(Entry{5, "beezzz", "y", ""}, 0, 3), 0);  // "bee" is present
     EXPECT_EQ(now(), host() + trailer({kA, kB, kC}));
     EXPECT_EQ(save(a2, 1), 1);
@@ -66,6 +81,17 @@ TEST_P(Save, AppendRefuseReplaceAndConvert) {
     const std::string sound = "RIFF....legacy sound bytes";
     const uint32_t p = u32size(host()), s = static_cast<uint32_t>(sound.size());
     put(host() + tb::bytes(sound) + vono1(p, p + s));
+    if (GetParam() == Via::Buffer) {
+        const Bytes legacy = now(), both = host() + trailer({kA}) + vono1(p, p + s);
+        EXPECT_EQ(tu::capture([&] { EXPECT_EQ(save(kB), 0); }),
+                  errLine(kBuf, "Signature File!! mode : 2\n"));
+        EXPECT_EQ(now(), legacy);
+        put(both);
+        EXPECT_EQ(tu::capture([&] { EXPECT_EQ(save(kB, 1), 0); }),
+                  errLine(kBuf, "Signature File!! mode : 4\n"));
+        EXPECT_EQ(now(), both);
+        return;
+    }
     EXPECT_EQ(std::vector<int>({save(kB), save(kC), save(b2, 0), save(b2, 1)}),
               std::vector<int>({1, 1, 0, 1}));
     EXPECT_EQ(now(), host() + trailer({toneSound(sound), toneMeta(), kC, b2}) + vono1(p + 21, p + 21 + s));
@@ -73,7 +99,7 @@ TEST_P(Save, AppendRefuseReplaceAndConvert) {
     expectDecodes();
 }
 
-INSTANTIATE_TEST_SUITE_P(Flavours, Save, ::testing::Values(Via::Path, Via::Stream));
+INSTANTIATE_TEST_SUITE_P(Flavours, Save, ::testing::Values(Via::Path, Via::Stream, Via::Buffer));
 
 class SaveChecks : public ApiTest {
 protected:
