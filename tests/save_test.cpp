@@ -211,3 +211,83 @@ TEST_F(SaveChecks, FormattedBlocksPayloadFilesAndStreaming) {
 }
 
 }  // namespace
+
+namespace {
+
+// ---- the buffer flavour's own rules ----
+
+// A buffer stream holding `content` with `spare` bytes of room behind it.
+struct Buf {
+    YAXBUFFER *h;
+    explicit Buf(const Bytes &content, uint32_t spare = 256)
+        : h(initYAXBuffer(u32size(content) + spare)) {
+        if (!content.empty()) _qbwrite(content.data(), u32size(content), h);
+    }
+    ~Buf() { destroyYAXBuffer(h); }
+    Bytes written() const { return Bytes(h->buffer, h->buffer + h->write_size); }
+    Bytes storage() const { return Bytes(h->buffer, h->buffer + h->buffer_size + 1); }
+};
+
+int saveTo(YAXBUFFER *h, const Entry &e, int option = 0) {
+    return saveYAXDataToBuffer(h, e.name.c_str(), uint32_t(e.name.size()),
+                               e.hasSub() ? e.sub.data() : nullptr, uint32_t(e.sub.size()),
+                               e.payload.data(), uint32_t(e.payload.size()), e.type, option);
+}
+
+// Each refusal answers 0, logs exactly its lines and leaves every byte of the
+// storage and the written size as they were. 0xFFF00000 passes the size
+// limit and meets the trailer's room check without a byte of the payload
+// being read; one more is too big. A buffer without capacity is refused
+// silently. Beyond the old checks: a missing name, and a handle whose written
+// size lies outside its storage (read by nothing, under the sanitizers too).
+// An add that does not fit the capacity fails without touching the buffer.
+TEST(BufferSave, RefusalsLeaveTheBufferAsItWas) {
+    static const char data[8] = "payload";
+    const Bytes h = host(), hA = host() + trailer({kA});
+    const uint32_t limit = 0xFFF00000u;
+    struct Case { Bytes content; uint32_t spare; std::function<int(YAXBUFFER *)> call; std::string lines; };
+    const std::vector<Case> cases{
+        {h, 64, [](YAXBUFFER *b) { return saveYAXDataToBuffer(b, "a", 1, nullptr, 0, nullptr, 1, 1, 0); },
+         errLine(kBuf, "data == VELTA_YAX_NULL || data_len <= 0")},
+        {h, 64, [](YAXBUFFER *b) { return saveYAXDataToBuffer(b, "a", 1, nullptr, 0, data, 0, 1, 0); },
+         errLine(kBuf, "data == VELTA_YAX_NULL || data_len <= 0")},
+        {h, 64, [](YAXBUFFER *b) { return saveYAXDataToBuffer(b, "a", 1, "s", 0, data, 1, 0, 0); },
+         errLine(kBuf, "type & sub wrong !!")},
+        {hA, 64, [=](YAXBUFFER *b) { return saveYAXDataToBuffer(b, "z", 1, nullptr, 0, data, limit + 1, 1, 0); },
+         errLine(kBuf, "Too big YAX data to add in the file")},
+        {hA, 64, [=](YAXBUFFER *b) { return saveYAXDataToBuffer(b, "z", 1, nullptr, 0, data, limit, 1, 0); },
+         kNoRoom + errLine(kBuf, "SIGNATURE_YAX checkYAXInfoForSaving fail!!")},
+        {{}, 0, [](YAXBUFFER *b) { return saveYAXDataToBuffer(b, "a", 1, nullptr, 0, data, 1, 1, 0); }, ""},
+        {h, 64, [](YAXBUFFER *b) { return saveYAXDataToBuffer(b, nullptr, 1, nullptr, 0, data, 1, 1, 0); },
+         errLine(kBuf, "YAXName == VELTA_YAX_NULL || YAXName_len <= 0")},
+        {hA, 64, [](YAXBUFFER *b) { return saveYAXDataToBuffer(b, "a", 0, nullptr, 0, data, 1, 1, 1); },
+         errLine(kBuf, "YAXName == VELTA_YAX_NULL || YAXName_len <= 0")},
+        {hA, 64, [](YAXBUFFER *b) { return saveTo(b, kA, 0); }, errLine(kBuf, "SIGNATURE_YAX NOT UPDATE!!")},
+        {hA, 4, [](YAXBUFFER *b) { return saveTo(b, kB, 0); },
+         errLine("YAXEncoder::AddYAXDataFP", "file _writeYAX_QVER error\n")},
+        {h, 4, [](YAXBUFFER *b) { return saveTo(b, kB, 0); },
+         errLine("YAXInternal::_writeDataTagInfo", "File Write Error") +
+             errLine("YAXEncoder::AddYAXDataInFirstTimeFP", "File _writeDataTagInfo Error")},
+    };
+    for (size_t i = 0; i < cases.size(); ++i) {
+        Buf b(cases[i].content, cases[i].spare);
+        const Bytes before = b.storage();
+        int r = -1;
+        EXPECT_EQ(tu::capture([&] { r = cases[i].call(b.h); }), cases[i].lines) << "case " << i;
+        EXPECT_EQ(r, 0) << "case " << i;
+        EXPECT_EQ(b.storage(), before) << "case " << i;
+        EXPECT_EQ(b.h->write_size, int32_t(cases[i].content.size())) << "case " << i;
+    }
+    EXPECT_EQ(tu::capture([] { EXPECT_EQ(saveYAXDataToBuffer(nullptr, "a", 1, nullptr, 0, data, 1, 1, 1), 0); }),
+              errLine(kBuf, "Buffer NULL !!"));
+
+    // 16 bytes of storage that claim 64 written
+    unsigned char storage[17] = {};
+    YAXBUFFER lying{storage, 16, 64, 0, 0};
+    EXPECT_EQ(tu::capture([&] { EXPECT_EQ(saveTo(&lying, kB, 1), 0); }),
+              errLine(kBuf, "buffer write size out of range"));
+    EXPECT_EQ(tu::capture([&] { EXPECT_EQ(WriteHandle_Fp(&lying, stdout), -1); }),
+              "WriteHandle : write error \n");
+}
+
+}  // namespace
