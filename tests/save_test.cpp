@@ -290,4 +290,90 @@ TEST(BufferSave, RefusalsLeaveTheBufferAsItWas) {
               "WriteHandle : write error \n");
 }
 
+// An unwritten buffer takes its first entry at byte 0 whatever its storage
+// holds (here an old trailer). A replace whose add does not fit leaves the
+// old entry deleted. The buffer record: validity 1, the rows' names, the
+// TonePhoto list (a trailer followed by legacy audio is parsed too), no path;
+// it is released with either destroy (the save uses the stream one), and
+// neither touches the buffer. No trailer, or legacy audio alone: no record.
+TEST(BufferSave, FirstEntryReplaceThatDoesNotFitAndRecords) {
+    const Entry tiny{1, "n", "p", ""}, big{5, "a", std::string(64, 'x'), ""};
+    Bytes storage = host() + trailer({kA});
+    storage.push_back(0);  // the stream's end marker
+    YAXBUFFER *raw = initYAXAllocatedBuffer(storage.data(), u32size(storage) - 1);
+    EXPECT_EQ(saveTo(raw, tiny), 1);
+    EXPECT_EQ(Bytes(storage.begin(), storage.begin() + raw->write_size), trailer({tiny}));
+    destroyYAXBuffer(raw);
+
+    Buf tight(host() + trailer({kA, kB}), 16);
+    EXPECT_EQ(saveTo(tight.h, big, 1), 0);
+    EXPECT_EQ(tight.written(), host() + trailer({kB}));
+
+    const uint32_t p = u32size(host());
+    const Bytes tone = host() + trailer({toneSound("snd"), toneMeta(), tiny}) + vono1(p + 21, p + 24);
+    for (auto destroy : {destroyYAXDATA_Buffer, destroyYAXDATA_FP}) {
+        Buf b(tone);
+        YAXDATA *yd = checkYAXInBuffer(b.h);
+        ASSERT_NE(yd, nullptr);
+        EXPECT_EQ(yd->type, 1);
+        ASSERT_EQ(yd->count, 3u);
+        EXPECT_STREQ(yd->YAX_name_list[0], "TonePhoto_000");
+        EXPECT_STREQ(yd->YAX_name_list[2], "n");
+        ASSERT_EQ(yd->tonephoto_count, 1u);
+        EXPECT_STREQ(yd->tonephoto_name_list[0], "TonePhoto_000");
+        EXPECT_EQ(yd->filename, nullptr);
+        EXPECT_EQ(yd->filename_size, 0u);
+        EXPECT_EQ(yd->yax_info->handle, b.h);
+        destroy(yd);
+        EXPECT_EQ(b.written(), tone);
+        EXPECT_EQ(saveTo(b.h, kC), 0);  // legacy audio behind: not saved into
+    }
+    destroyYAXDATA_Buffer(nullptr);
+    Buf none(host()), legacy(host() + tb::bytes("snd") + vono1(p, p + 3));
+    for (YAXBUFFER *h : {static_cast<YAXBUFFER *>(nullptr), none.h, legacy.h})
+        EXPECT_EQ(checkYAXInBuffer(h), nullptr);
+}
+
+// Writing out: the written bytes and their count, nothing printed, the stream
+// left open where the bytes end; a stream that
+// cannot take them, a path that cannot be opened (or none) answer -1 with
+// their console lines; an existing longer file is replaced; an empty buffer
+// writes an empty file.
+TEST(BufferSave, WriteOutAndItsConsoleLines) {
+    tu::TempDir dir;
+    const std::string out = dir.path("out.jpg"), ro = dir.path("ro.jpg");
+    const Bytes content = host() + trailer({kA});
+    Buf b(content), empty(Bytes{});
+    const int n = int(content.size());
+
+    FILE *fp = std::fopen(out.c_str(), "wb");
+    int r = 0;
+    EXPECT_EQ(tu::capture([&] { r = WriteHandle_Fp(b.h, fp); }), "");
+    EXPECT_EQ(r, n);
+    EXPECT_EQ(std::ftell(fp), n);
+    EXPECT_EQ(std::fputc('!', fp), '!');  // still open
+    EXPECT_EQ(std::fclose(fp), 0);
+    EXPECT_EQ(tu::readFile(out), content + tb::bytes("!"));
+
+    tu::writeFile(ro, {});
+    fp = std::fopen(ro.c_str(), "rb");
+    EXPECT_EQ(tu::capture([&] { r = WriteHandle_Fp(b.h, fp); }), "WriteHandle : write error \n");
+    EXPECT_EQ(r, -1);
+    std::fclose(fp);
+
+    EXPECT_EQ(tu::capture([&] { r = WriteHandle_FilePath(dir.path("no/such.jpg").c_str(), b.h); }),
+              "fp null!!\n");
+    EXPECT_EQ(r, -1);
+    EXPECT_EQ(tu::capture([&] { r = WriteHandle_FilePath(nullptr, b.h); }), "fp null!!\n");
+    EXPECT_EQ(r, -1);
+
+    tu::writeFile(out, content + content);
+    EXPECT_EQ(tu::capture([&] { r = WriteHandle_FilePath(out.c_str(), b.h); }), "");
+    EXPECT_EQ(r, n);
+    EXPECT_EQ(tu::readFile(out), content);
+    EXPECT_EQ(WriteHandle_FilePath(out.c_str(), empty.h), 0);
+    EXPECT_EQ(tu::readFile(out).size(), 0u);
+    EXPECT_EQ(dir.list(), (std::vector<std::string>{"out.jpg", "ro.jpg"}));
+}
+
 }  // namespace
