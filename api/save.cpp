@@ -443,6 +443,28 @@ int saveEntryByStream(FILE *fp, const EntryArgs &e, int option, const BranchMsgs
     return saveDecision(t, EntryAdder<StreamTarget>{t, e}, streamRequest(key.get(), e, option), m);
 }
 
+constexpr const char *kTooBig = "Too big YAX data to add in the file";
+
+// The argument checks the stream and buffer flavours share, with their lines.
+bool nameGiven(const char *tag, const EntryArgs &e) {
+    if (e.name != nullptr && e.name_length != 0) return true;
+    YAXLogE(tag, "YAXName == VELTA_YAX_NULL || YAXName_len <= 0");
+    return false;
+}
+
+// Payload present, sub-information where the type needs it, size limit.
+bool payloadAccepted(const char *tag, const EntryArgs &e) {
+    const char *msg = nullptr;
+    if (e.data == nullptr || e.data_length == 0)
+        msg = "data == VELTA_YAX_NULL || data_len <= 0";
+    else if (e.data_type == YAX_USER_DEFINED_DATA && !hasSubInfo(e.sub_info, e.sub_info_length))
+        msg = "type & sub wrong !!";
+    else if (e.data_length >= layout::kSizeLimit)
+        msg = kTooBig;
+    if (msg != nullptr) YAXLogE(tag, msg);
+    return msg == nullptr;
+}
+
 int saveEntryInBuffer(YAXBUFFER *h, const EntryArgs &e, int option) {
     QChars key = api::copyName(e.name, e.name_length);
     if (!key) return 0;
@@ -452,7 +474,6 @@ int saveEntryInBuffer(YAXBUFFER *h, const EntryArgs &e, int option) {
 }
 
 constexpr const char *kPathTag = "YAXAPI";
-constexpr const char *kTooBig = "Too big YAX data to add in the file";
 
 }  // namespace
 }  // namespace yax
@@ -498,23 +519,8 @@ YAX_EXPORT int saveYAXDataToFP(FILE *fp, const char *name, uint32_t name_length,
         YAXLogE(tag, "fp NULL !!");
         return 0;
     }
-    if (name == nullptr || name_length == 0) {
-        YAXLogE(tag, "YAXName == VELTA_YAX_NULL || YAXName_len <= 0");
-        return 0;
-    }
-    if (data == nullptr || data_length == 0) {
-        YAXLogE(tag, "data == VELTA_YAX_NULL || data_len <= 0");
-        return 0;
-    }
-    if (data_type == YAX_USER_DEFINED_DATA && !hasSubInfo(sub_info, sub_info_length)) {
-        YAXLogE(tag, "type & sub wrong !!");
-        return 0;
-    }
-    if (data_length >= layout::kSizeLimit) {
-        YAXLogE(tag, kTooBig);
-        return 0;
-    }
     EntryArgs e{name, name_length, sub_info, sub_info_length, data, data_length, data_type};
+    if (!nameGiven(tag, e) || !payloadAccepted(tag, e)) return 0;
     return saveEntryByStream(fp, e, option, kStreamMsgs);
 }
 
@@ -528,32 +534,18 @@ YAX_EXPORT int saveYAXDataToBuffer(YAXBUFFER *buffer, const char *name, uint32_t
         YAXLogE(tag, "Buffer NULL !!");
         return 0;
     }
-    if (data == nullptr || data_length == 0) {
-        YAXLogE(tag, "data == VELTA_YAX_NULL || data_len <= 0");
-        return 0;
-    }
-    if (data_type == YAX_USER_DEFINED_DATA && !hasSubInfo(sub_info, sub_info_length)) {
-        YAXLogE(tag, "type & sub wrong !!");
-        return 0;
-    }
-    if (data_length >= layout::kSizeLimit) {
-        YAXLogE(tag, kTooBig);
-        return 0;
-    }
+    EntryArgs e{name, name_length, sub_info, sub_info_length, data, data_length, data_type};
+    if (!payloadAccepted(tag, e)) return 0;
     if (qbgetBufferSize(buffer) == 0) return 0;
     // Beyond what the buffer flavour has always checked: a name is required
     // (it is copied and compared), and a handle whose written size is not
     // inside its storage is not read or written at all.
-    if (name == nullptr || name_length == 0) {
-        YAXLogE(tag, "YAXName == VELTA_YAX_NULL || YAXName_len <= 0");
-        return 0;
-    }
+    if (!nameGiven(tag, e)) return 0;
     if (buffer->buffer == nullptr || buffer->write_size < 0 ||
         static_cast<uint32_t>(buffer->write_size) > buffer->buffer_size) {
         YAXLogE(tag, "buffer write size out of range");
         return 0;
     }
-    EntryArgs e{name, name_length, sub_info, sub_info_length, data, data_length, data_type};
     return saveEntryInBuffer(buffer, e, option);
 }
 

@@ -1,5 +1,6 @@
-/* Public file API: query, save, fast save and delete. Every record returned
- * here is released by its own destroy function, which accepts NULL. */
+/* Public file API: query, save, fast save, delete, and the same on a whole file held in a
+ * buffer stream. Every record returned here is released by its own destroy function, which
+ * accepts NULL. */
 #ifndef YAX_API_H
 #define YAX_API_H
 
