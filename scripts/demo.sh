@@ -15,6 +15,7 @@ if [ "${YAX_SKIP_DEPS:-0}" != 1 ]; then
   bash "$root/scripts/deps.sh"
 fi
 
+mkdir -p "$build"
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Debug -DYAX_BUILD_TOOLS=ON >"$build.configure.log" 2>&1 \
   || { cat "$build.configure.log"; exit 1; }
 cmake --build "$build" -j "$jobs" --target yax >/dev/null \

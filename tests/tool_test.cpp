@@ -1,8 +1,10 @@
 // The yax tool end to end, run as a separate program the way a user runs it:
 // exit codes, standard output and error, and the edited files byte for byte.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
+#include <termios.h>
 
 #include <sstream>
 #include <tuple>
@@ -180,6 +182,33 @@ TEST_F(ToolTest, HelpUsageErrorsAndRefusals) {
     EXPECT_EQ(tu::readFile(image), damaged);
     std::string log = tu::errLine("YAX::ParseYAXList", "header is bigger then file -> that's not true!!");
     EXPECT_EQ(yax({"--verbose", "list", image}), Outcome(1, "", log + "yax: " + why + "\n"));
+}
+
+// put without a payload argument refuses a terminal on standard input
+// instead of waiting for it; "-" still reads what is typed there, up to the
+// first end-of-input. A line and end-of-input are typed ahead each time.
+TEST_F(ToolTest, PutWithoutPayloadRefusesATerminal) {
+    int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_TRUE(master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0);
+    std::string terminal = ptsname(master);
+    int slave = open(terminal.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);  // keeps the terminal alive between runs
+    ASSERT_GE(slave, 0);
+    auto typed = [&](const Strings &args) {
+        tcflush(slave, TCIFLUSH);
+        EXPECT_EQ(write(master, "typed\n\x04", 7), 7);
+        std::string cmd = tool(), out = dir.path(".out"), err = dir.path(".err");
+        for (const std::string &a : args) cmd += "'" + a + "' ";
+        int status = std::system((cmd + "<'" + terminal + "' >'" + out + "' 2>'" + err + "'").c_str());
+        return Outcome(WIFEXITED(status) ? WEXITSTATUS(status) : -1, text(tu::readFile(out)),
+                       text(tu::readFile(err)));
+    };
+    for (const Strings &args : Commands{{"put", image, "a"}, {"put", image, "a", "--replace", "--fast"}})
+        EXPECT_EQ(typed(args), failed("no payload given and standard input is a terminal; give a file, or - to type it"));
+    EXPECT_EQ(tu::readFile(image), jpeg);
+    EXPECT_EQ(typed({"put", image, "a", "-"}), ok());
+    EXPECT_EQ(yax({"get", image, "a"}), ok("typed\n"));
+    close(slave);
+    close(master);
 }
 
 // Legacy audio is listed; fast edits refuse it, a normal save turns it into

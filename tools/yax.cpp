@@ -130,7 +130,9 @@ std::optional<std::string> unusable(const std::string &path, bool forWriting) {
 bool readStream(FILE *in, std::vector<unsigned char> &out) {
     std::vector<unsigned char> chunk(kChunk);
     size_t n;
-    while (out.size() <= kMaxPayload && (n = std::fread(chunk.data(), 1, chunk.size(), in)) > 0)
+    // Stops at the first end of input: a terminal gives more after one.
+    while (out.size() <= kMaxPayload && !std::feof(in) &&
+           (n = std::fread(chunk.data(), 1, chunk.size(), in)) > 0)
         out.insert(out.end(), chunk.begin(), chunk.begin() + static_cast<std::ptrdiff_t>(n));
     return !std::ferror(in);
 }
@@ -825,7 +827,8 @@ int main(int argc, char **argv) {
                "every put into it is the MP4 save, with or without --fast.");
     put->add_option("FILE", file, "Image or video file, edited in place")->required();
     put->add_option("NAME", name, "Entry name")->required();
-    put->add_option("DATAFILE", data, "Payload file, or - for standard input (the default)");
+    CLI::Option *dataArg = put->add_option(
+        "DATAFILE", data, "Payload file, or - for standard input (the default unless it is a terminal)");
     put->add_option("--type", type, "Data type, 0 to 65535 (0 needs --sub-info)")
         ->check(CLI::Range(0u, kMaxDataType))
         ->default_str("1");
@@ -861,6 +864,9 @@ int main(int argc, char **argv) {
     try {
         if (list->parsed()) return cmdList(file, json);
         if (get->parsed()) return cmdGet(file, name, out, subInfo);
+        // Left out, the payload comes from standard input, but never silently from a terminal.
+        if (put->parsed() && dataArg->count() == 0 && isatty(STDIN_FILENO))
+            return fail("no payload given and standard input is a terminal; give a file, or - to type it");
         if (put->parsed()) return cmdPut(file, name, data, type, subFile, replace, fast);
         if (rm->parsed()) return cmdRemove(file, names, fast);
         if (clear->parsed()) return cmdClear(file, fast);
