@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "container/layout.hpp"
+#include "container/validate.hpp"
 #include "support/io.hpp"
 #include "support/safe_file.hpp"
 #include "yax_container.h"
@@ -463,6 +464,11 @@ int fastAdd(YaxInfo *info, const NewEntry &e, int reuse_first) {
         return 0;
 
     const FileIO io{info->fp};
+    // Entry 0's room is written over only when its block lies inside the file
+    // and ends before the header.
+    if (reuse_first && info->meta_count != 0 &&
+        !trailerEditable(io, info, kNeedFirstBlock, "YAXEncoder::FastAddYAXData"))
+        return 0;
     const int64_t header_pos = headerPosition(io, info);
     if (header_pos < 0) return 0;
 
