@@ -20,9 +20,12 @@ enum EditNeeds : unsigned {
     // block and the header inside it, row 0's block not running into the
     // header. Always checked.
     kNeedFirstBlock = 0,
+    // Every row's block lies inside the file and ends at or before the
+    // header, which an add writes over.
+    kNeedRowsInside = 1u << 2,
     // The edit walks every block from the first one: the blocks follow each
     // other without gaps or overlaps and the last one ends at the header.
-    kNeedBackToBack = 1u << 0,
+    kNeedBackToBack = (1u << 0) | kNeedRowsInside,
     // A fast delete absorbs an old filler as row 0: no other row but the one
     // deleted may be a filler.
     kNeedFillerFirst = 1u << 1,
