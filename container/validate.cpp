@@ -176,7 +176,7 @@ void checkTrailer(Report &r, int64_t size, int64_t tail) {
         r.problem("header", "the header lists no rows");
         return;
     }
-    const uint64_t rows_end = static_cast<uint64_t>(header) + headerSize(count);
+    const uint64_t rows_end = static_cast<uint64_t>(header) + kHeaderFixed + uint64_t{kRowSize} * count;
     if (rows_end > static_cast<uint64_t>(tail)) {
         r.problem("rows", "the %u table rows run past the tail", count);
         return;
