@@ -142,8 +142,10 @@ inline Listing rawListing(const Bytes &b) {
         const bool sub = (meta & 0x8000) != 0;
         const uint64_t fixed = 8 + (sub ? 4 : 0);
         const uint32_t sub_len = sub ? le32(b, at + 8) : 0;
-        if (name_len == 0 || name_len > 1024 || fixed + name_len + uint64_t(sub_len) > len)
-            return Listing{};
+        if (name_len == 0 || name_len > 1024 || fixed + name_len + uint64_t(sub_len) > len) {
+            l.names.push_back("");  // listed, but its name cannot be read
+            continue;
+        }
         Item it;
         it.name.assign(reinterpret_cast<const char *>(&b[at + fixed]), name_len);
         it.type = meta >> 16;

@@ -74,7 +74,7 @@ std::vector<std::pair<std::string, Bytes>> files() {
     for (const Entry &e : kThree) stale = stale + tb::block(e);
     tb::Builder h;
     h.str("YAXH").u32(105).u32(3);
-    for (const auto &x : rows) h.u32(x.meta_type).u32(x.offset + 12).u32(x.length);
+    for (const auto &x : rows) h.u32(x.meta_type).u32(x.offset).u32(x.length);
     h.zeros(12).u32(12 + 36 + 12).str("YAXT");
     f.push_back({"stale", stale + h.done()});
     return f;
