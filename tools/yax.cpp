@@ -647,10 +647,22 @@ int cmdPut(const std::string &path, const std::string &name, const std::string &
     if (fast && hasLegacy(c.signature))
         return fail(path + ": --fast cannot edit a file that holds legacy audio; save without --fast");
     if (fast && hasTrailer(c.signature) && !fastIsSafe(path)) fast = false;
+    // A fast replace merges the old entry into the filler without padding for
+    // the row it drops (the save rewrites the end); when the new block then
+    // fills that room exactly, the header stays a row shorter than the room
+    // before the tail and the file is left with stale bytes there, which later
+    // fast edits misread. That one case takes the rewriting way.
+    const uint64_t block = 8 + name.size() + data.size() + (sub.empty() ? 0 : 4 + sub.size());
+    if (fast && old != nullptr && !c.entries.empty() && c.entries[0].kind == "filler" &&
+        old != &c.entries[0] && old->blockLength >= 20 &&
+        block == uint64_t(c.entries[0].blockLength) + old->blockLength) {
+        std::fprintf(stderr, "yax: %s: a fast replace of exactly this size would leave stale "
+                     "bytes before the tail; editing without --fast instead\n", path.c_str());
+        fast = false;
+    }
     // Rows and blocks afterwards, counted so as never to overrate the room:
     // a fast edit may leave one filler row more, and may put the block into
     // the filler's room instead of adding it.
-    const uint64_t block = 8 + name.size() + data.size() + (sub.empty() ? 0 : 4 + sub.size());
     uint64_t blocks = blockSum(c), rows = c.entries.size() + 1;
     if (old != nullptr && (!fast || old->blockLength < 20)) blocks -= old->blockLength, --rows;
     if (fast) ++rows;
@@ -665,17 +677,7 @@ int cmdPut(const std::string &path, const std::string &name, const std::string &
         auto subLength = static_cast<uint32_t>(sub.size());
         auto dataLength = static_cast<uint32_t>(data.size());
         int option = replace ? 1 : 0;
-        // A fast replace that merges the old entry into an existing filler
-        // shrinks the table without padding (the save rewrites the end), which
-        // can leave stale bytes in front of the tail; the old entry is turned
-        // into padded filler first instead, and the new one then takes its room.
-        bool cleared = true;
-        if (fast && old != nullptr) {
-            cleared = deleteFastAYAXData(path.c_str(), name.c_str()) == 1;
-            option = 0;
-        }
-        ok = !cleared ? 0
-           : fast ? saveFastYAXDataToFile(path.c_str(), name.c_str(), nameLength, subData,
+        ok = fast ? saveFastYAXDataToFile(path.c_str(), name.c_str(), nameLength, subData,
                                           subLength, data.data(), dataLength, type, option)
                   : saveYAXDataToFile(path.c_str(), name.c_str(), nameLength, subData, subLength,
                                       data.data(), dataLength, type, option);
