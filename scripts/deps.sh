@@ -9,8 +9,9 @@ packages=(
   libcli11-dev nlohmann-json3-dev        # the yax tool
   libbenchmark-dev                       # the benchmarks (-DYAX_BUILD_BENCH=ON)
   libjpeg-turbo-progs                    # djpeg: edited images must still decode
+  clang libclang-rt-14-dev               # the libFuzzer targets (scripts/fuzz.sh)
 )
-commands=(cmake make g++ arm-linux-gnueabihf-g++ qemu-arm djpeg)
+commands=(cmake make g++ arm-linux-gnueabihf-g++ qemu-arm djpeg clang)
 
 missing=()
 for p in "${packages[@]}"; do
