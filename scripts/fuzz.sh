@@ -43,6 +43,8 @@ for t in "${targets[@]}"; do
       -dict="$root/tests/fuzz/yax.dict" -artifact_prefix="$findings/" \
       "$corpus" "$build/seeds/$t" "$root/tests/fuzz/regressions/$t" >"$log" 2>&1)
   rc=$?
+  # with -jobs=1 the fuzzing runs in one child whose output is fuzz-0.log
+  cat "$findings"/fuzz-*.log >>"$log" 2>/dev/null
   done_line=$(grep -E '^#[0-9]+.*(DONE|pulse|NEW|REDUCE|INITED)' "$log" | tail -1)
   execs=$(echo "$done_line" | sed -E 's/^#([0-9]+).*/\1/')
   cov=$(echo "$done_line" | sed -nE 's/.*cov: ([0-9]+).*/\1/p')
