@@ -148,6 +148,7 @@ inline Listing rawListing(const Bytes &b) {
         }
         Item it;
         it.name.assign(reinterpret_cast<const char *>(&b[at + fixed]), name_len);
+        it.name = it.name.c_str();  // names are read as C strings
         it.type = meta >> 16;
         it.sub.assign(reinterpret_cast<const char *>(&b[at + fixed + name_len]), sub_len);
         const uint64_t p = fixed + name_len + sub_len;
