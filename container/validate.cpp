@@ -227,14 +227,20 @@ void checkTrailer(Report &r, int64_t size, int64_t tail) {
         // The block itself: its type word and a readable name.
         const int64_t block = header - int64_t{row.offset};
         uint32_t meta = 0, name_length = 0, sub_length = 0;
-        const bool sub = (row.meta_type & kSubInfoFlag) != 0;
-        const uint32_t fixed = kBlockFixed + (sub ? kSubInfoField : 0);
-        if (row.length < fixed || !r.word(block, &meta) || !r.word(block + 4, &name_length) ||
-            (sub && !r.word(block + 8, &sub_length))) {
+        if (row.length < kBlockFixed || !r.word(block, &meta) || !r.word(block + 4, &name_length)) {
             r.problem("name", "row %u's block is too short for its fields", i);
             continue;
         }
-        if (meta != row.meta_type)
+        // A filler's row may carry the sub-information flag of the entry
+        // saved beside it while its block never does: the block decides.
+        const bool filler_row = _getDataType(row.meta_type) == kFillerType;
+        const bool sub = ((filler_row ? meta : row.meta_type) & kSubInfoFlag) != 0;
+        const uint32_t fixed = kBlockFixed + (sub ? kSubInfoField : 0);
+        if (row.length < fixed || (sub && !r.word(block + 8, &sub_length))) {
+            r.problem("name", "row %u's block is too short for its fields", i);
+            continue;
+        }
+        if (meta != row.meta_type && !(filler_row && (meta | kSubInfoFlag) == row.meta_type))
             r.problem("type", "row %u's type word %#x disagrees with its block's %#x", i,
                       row.meta_type, meta);
         if (name_length == 0 || name_length > kMaxNameLength ||

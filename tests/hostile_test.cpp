@@ -57,6 +57,13 @@ TEST_F(Hostile, CheckFindsEachKindOfDamageAndPassesWellFormedFiles) {
     for (const Bytes &clean : std::vector<Bytes>{
              kImage + trailer({{1, "x", "y", ""}}),  // the smallest entry
              kImage + t, kImage + trailer({kFiller, kThree[0]}),
+             // a filler row flagged with the sub-information of the entry saved
+             // beside it, its block without the flag, as the fast add writes it
+             withRows({kFiller, kThree[1]}, [] {
+                 auto r = tb::rowsFor({kFiller, kThree[1]});
+                 r[0].meta_type |= 0x8000;
+                 return r;
+             }()),
              kImage + trailer(tone) + tb::vonoBlock({{img + 21, img + 24}}),
              kImage + tb::bytes("snd") + tb::vonoBlock({{img, img + 3}}),
              box + tb::Builder().u32be(uint32_t(t.size() + 8)).str("yaxd").done() + t,
