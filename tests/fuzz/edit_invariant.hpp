@@ -183,13 +183,16 @@ struct Verdict {
 // `before`; `result`: what the edit returned; `targets`: the row indices the
 // edit removes or replaces (a name that was not found targets nothing);
 // `added`: an entry the edit stores (empty name for none). `grow_limit`: how
-// much longer the file may get.
+// much longer the file may get. `partial`: a failure may still have removed
+// the targets (a replace is a delete and then an add, without rollback), as
+// long as every other entry is kept.
 inline Verdict check(const Bytes &before, const Bytes &after, const Listing &listed,
                      const Listing &now, int result, const std::vector<uint32_t> &targets,
-                     const Item &added, uint64_t grow_limit) {
+                     Item added, uint64_t grow_limit, bool partial = false) {
     if (result != 1) {
-        if (before != after) return {"the edit failed but the file changed"};
-        return {};
+        if (before == after) return {};
+        if (!partial) return {"the edit failed but the file changed"};
+        added = Item{};
     }
     if (after.size() > before.size() + grow_limit)
         return {"the file grew by " + std::to_string(after.size() - before.size()) + " bytes"};
