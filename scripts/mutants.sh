@@ -6,7 +6,7 @@ set -uo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 work="${TMPDIR:-/tmp}/yax-mutants"
 mkdir -p "$work"  # its build directory is kept between runs
-tar -C "$root" --exclude=./build --exclude=./.git -cf - . | tar -C "$work" -xf -
+tar -C "$root" --exclude=./build --exclude=./.git -cf - . | tar -C "$work" -mxf -  # fresh times: every changed file rebuilds
 
 # file @ text @ replacement @ what the fault is
 faults=(
