@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "container/layout.hpp"
+#include "container/validate.hpp"
 #include "support/gather.hpp"
 #include "support/io.hpp"
 #include "support/safe_file.hpp"
@@ -325,6 +326,14 @@ constexpr AppendFlavour kAppendFP{"YAXEncoder::AddYAXDataFP", "YAXEncoder::AddYA
                                   "YAX_info == NUL",          "fp == NUL",
                                   "File Search Error ",       "File _writeDataTagInfo Error"};
 
+// An add writes over the header: no block of the table may lie in it.
+// A header before the file's start is left to the seek that follows, which
+// reports it.
+bool rowsClearOfHeader(const YaxInfo *info, const char *tag) {
+    return info->meta_count == 0 || info->file_size < int64_t{info->header_offset} ||
+           trailerEditable(info, info->file_size, kNeedRowsInside, 0, tag);
+}
+
 bool checkAppendArgs(const NewEntry &e, const YaxInfo *info, const AppendFlavour &f,
                      uint32_t *block_length) {
     const char *msg = nullptr;
@@ -339,7 +348,7 @@ bool checkAppendArgs(const NewEntry &e, const YaxInfo *info, const AppendFlavour
     else if (!e.blockLength(block_length))
         msg = kTooBigMsg;
     if (msg != nullptr) YAXLogE(f.arg_tag, msg);
-    return msg == nullptr;
+    return msg == nullptr && rowsClearOfHeader(info, f.io_tag);
 }
 
 // The new block over the old header, then the longer header and the tail.
@@ -517,6 +526,11 @@ int fastAdd(YaxInfo *info, const NewEntry &e, int reuse_first) {
         return 0;
 
     const FileIO io{info->fp};
+    // Entry 0's room, or the header, is written over: no block may lie in
+    // the header, and entry 0's must lie inside the file.
+    if (info->meta_count != 0 &&
+        !trailerEditable(io, info, kNeedRowsInside, "YAXEncoder::FastAddYAXData"))
+        return 0;
     const int64_t header_pos = headerPosition(io, info);
     if (header_pos < 0) return 0;
 
@@ -684,6 +698,7 @@ YAX_EXPORT int AddDirectYAXDataFP(FILE *fp, YaxInfo *info, uint32_t data_type,
         YAXLogE(tag, "YAX_info == VELTA_YAX_NULL");
         return 0;
     }
+    if (!yax::rowsClearOfHeader(info, tag)) return 0;
     if (fp == nullptr) {
         YAXLogE(tag, "fp == VELTA_YAX_NULL");
         return 0;

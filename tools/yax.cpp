@@ -6,6 +6,7 @@
 //   yax put   FILE NAME [DATAFILE|-] [--type N] [--sub-info FILE] [--replace] [--fast]
 //   yax rm    FILE NAME... [--fast]
 //   yax clear FILE [--fast]
+//   yax check FILE [--json]
 //
 // Results go to standard output, one-line errors to standard error. The
 // library prints its own log lines on standard output; they never reach the
@@ -456,6 +457,57 @@ int cmdList(const std::string &path, bool json) {
 }
 
 // ---------------------------------------------------------------------------
+// check
+
+struct Problem {
+    std::string kind, message;
+};
+
+// Every inconsistency the library's report finds at the end of the file.
+std::vector<Problem> problemsOf(const std::string &path, bool *unreadable = nullptr) {
+    std::vector<Problem> found;
+    LibraryQuiet quiet;
+    const int n = yaxCheckFile(
+        path.c_str(),
+        [](void *ctx, const char *kind, const char *message) {
+            static_cast<std::vector<Problem> *>(ctx)->push_back({kind, message});
+        },
+        &found);
+    if (unreadable != nullptr) *unreadable = n < 0;
+    return found;
+}
+
+int cmdCheck(const std::string &path, bool asJson) {
+    if (auto why = unusable(path, false)) return fail(*why);
+    FileLock lock;
+    if (auto why = lock.acquire(path)) return fail(*why);
+    bool unreadable = false;
+    const std::vector<Problem> found = problemsOf(path, &unreadable);
+    if (unreadable) return fail(path + ": cannot be read");
+    std::string text;
+    if (asJson) {
+        nlohmann::json::array_t list;
+        for (const Problem &p : found) list.push_back({{"kind", p.kind}, {"message", p.message}});
+        text = nlohmann::json{{"file", path}, {"clean", found.empty()}, {"problems", list}}.dump(2) + "\n";
+    } else {
+        for (const Problem &p : found) text += path + ": " + p.kind + ": " + p.message + "\n";
+    }
+    const int r = emit(text);
+    return r != kOk ? r : found.empty() ? kOk : kFailed;
+}
+
+// A fast edit goes ahead only on a file the report finds clean: on anything
+// else the documented in-place steps can misplace blocks or the tail, so the
+// edit takes the rewriting way instead, and says why.
+bool fastIsSafe(const std::string &path) {
+    const std::vector<Problem> found = problemsOf(path);
+    if (found.empty()) return true;
+    std::fprintf(stderr, "yax: %s: %s: %s; editing without --fast instead\n", path.c_str(),
+                 found[0].kind.c_str(), found[0].message.c_str());
+    return false;
+}
+
+// ---------------------------------------------------------------------------
 // get
 
 const Entry *findEntry(const Contents &c, const std::string &name) {
@@ -638,10 +690,23 @@ int cmdPut(const std::string &path, const std::string &name, const std::string &
                     " already exists (use --replace to overwrite it)");
     if (fast && hasLegacy(c.signature))
         return fail(path + ": --fast cannot edit a file that holds legacy audio; save without --fast");
+    if (fast && hasTrailer(c.signature) && !fastIsSafe(path)) fast = false;
+    // A fast replace merges the old entry into the filler without padding for
+    // the row it drops (the save rewrites the end); when the new block then
+    // fills that room exactly, the header stays a row shorter than the room
+    // before the tail and the file is left with stale bytes there, which later
+    // fast edits misread. That one case takes the rewriting way.
+    const uint64_t block = 8 + name.size() + data.size() + (sub.empty() ? 0 : 4 + sub.size());
+    if (fast && old != nullptr && !c.entries.empty() && c.entries[0].kind == "filler" &&
+        old != &c.entries[0] && old->blockLength >= 20 &&
+        block == uint64_t(c.entries[0].blockLength) + old->blockLength) {
+        std::fprintf(stderr, "yax: %s: a fast replace of exactly this size would leave stale "
+                     "bytes before the tail; editing without --fast instead\n", path.c_str());
+        fast = false;
+    }
     // Rows and blocks afterwards, counted so as never to overrate the room:
     // a fast edit may leave one filler row more, and may put the block into
     // the filler's room instead of adding it.
-    const uint64_t block = 8 + name.size() + data.size() + (sub.empty() ? 0 : 4 + sub.size());
     uint64_t blocks = blockSum(c), rows = c.entries.size() + 1;
     if (old != nullptr && (!fast || old->blockLength < 20)) blocks -= old->blockLength, --rows;
     if (fast) ++rows;
@@ -709,6 +774,7 @@ int cmdRemove(const std::string &path, const std::vector<std::string> &names, bo
         if (!fast || e->blockLength < 20) blocks -= e->blockLength;
     }
     if (rows > (fast ? 1u : 0u) && parseWouldRefuse(c, blocks, rows)) return fail(tooSmall(path));
+    if (fast && !fastIsSafe(path)) fast = false;
 
     if (fast) {
         for (const std::string &n : names) {
@@ -774,6 +840,7 @@ int cmdClear(const std::string &path, bool fast) {
     if (c.signature == SIGNATURE_NONE) return kOk;  // nothing stored
     if (fast && !hasTrailer(c.signature))
         return fail(path + ": --fast cannot remove legacy audio; clear without --fast");
+    if (fast && !fastIsSafe(path)) fast = false;
     int ok;
     {
         LibraryQuiet quiet;
@@ -847,6 +914,12 @@ int main(int argc, char **argv) {
     clear->add_option("FILE", file, "Image or video file, edited in place")->required();
     clear->add_flag("--fast", fast, "Turn the entries into filler without shortening the file");
 
+    CLI::App *check = app.add_subcommand(
+        "check", "Report every inconsistency of FILE's entries, one line per problem, without "
+                 "changing it; exit 0 when it is clean, 1 otherwise.");
+    check->add_option("FILE", file, "Image or video file")->required();
+    check->add_flag("--json", json, "Print one JSON document instead");
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp &e) {
@@ -870,6 +943,7 @@ int main(int argc, char **argv) {
         if (put->parsed()) return cmdPut(file, name, data, type, subFile, replace, fast);
         if (rm->parsed()) return cmdRemove(file, names, fast);
         if (clear->parsed()) return cmdClear(file, fast);
+        if (check->parsed()) return cmdCheck(file, json);
     } catch (const std::bad_alloc &) {
         return fail("out of memory");
     }

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "container/layout.hpp"
+#include "container/validate.hpp"
 #include "support/misrouted_write.hpp"
 #include "support/safe_file.hpp"
 #include "yax_api.h"
@@ -64,6 +65,12 @@ void writeTrailerHeader(FILE *out, const YaxInfo *yi) {
 uint32_t firstSoundStart(const VonoInfo *info) {
     if (info->count > 0 && info->offsets != nullptr) return info->offsets[0];
     return info->file_size - (info->header_size + kVonoTailProbe);
+}
+
+// The first byte of the legacy block itself, in the file as it is now.
+int64_t blockStart(const VonoInfo *info) {
+    const int64_t size = info->fp != nullptr ? _qlseek64(info->fp, 0, SEEK_END) : info->file_size;
+    return size - (static_cast<int64_t>(info->header_size) + kVonoTailProbe);
 }
 
 void closeStream(VonoInfo *info) {
@@ -212,6 +219,10 @@ YAX_EXPORT int deleteVono_NotExistYAX_FP(FILE *fp, VonoInfo *info) {
         }
         info = own;
     }
+    if (!yax::vonoSoundEditable(info, yax::blockStart(info), yax::kDeleteFpTag)) {
+        DestroyVonoFP(own);
+        return 0;
+    }
     // The caller writes from here on; nothing is cut off.
     const bool ok = info->fp != nullptr &&
                     _qlseek64(info->fp, yax::firstSoundStart(info), SEEK_SET) >= 0;
@@ -224,6 +235,8 @@ YAX_EXPORT int deleteVono_NotExistYAX(const char *path, VonoInfo *info) {
     if (path == nullptr) return 0;
     yax::OwnedVono own;
     if (info == nullptr) info = own.p = _checkAudioInImageFile(path);  // may stay null
+    if (info != nullptr && !yax::vonoSoundEditable(info, yax::blockStart(info), yax::kDeletePlainTag))
+        return 0;
 
     yax::RewriteTemp temp(path, _getVonoTempFileName);
     if (!temp.named()) return 0;
@@ -248,6 +261,18 @@ YAX_EXPORT int deleteVono_ExistYAX(const char *path, VonoInfo *info) {
     yax::OwnedVono own;
     if (info == nullptr) info = own.p = _checkAudioInImageFile(path);
 
+    int64_t first_block = -1;
+    if (yi->meta_count > 0 && yi->meta_data != nullptr && yi->meta_data[0] != nullptr)
+        first_block = yi->file_size - (static_cast<int64_t>(yi->header_offset) +
+                                       yi->meta_data[0]->offset);
+    // The sound lies in front of the blocks, and the blocks are copied one
+    // after another from the first: a file that says otherwise is refused.
+    if (info != nullptr && info->fp != nullptr && first_block >= 0 &&
+        (!yax::vonoSoundEditable(info, first_block, yax::kDeleteYaxTag) ||
+         !yax::trailerEditable(yax::FileIO{info->fp}, yi, yax::kNeedBackToBack,
+                               yax::kDeleteYaxTag)))
+        return 0;
+
     yax::RewriteTemp temp(path, _getVonoTempFileName);
     if (!temp.named()) return 0;
     if (!temp.open("wb")) return temp.untouchedResult();
@@ -255,10 +280,6 @@ YAX_EXPORT int deleteVono_ExistYAX(const char *path, VonoInfo *info) {
         YAXLogE(yax::kDeleteYaxTag, "File Search Error 1");
         return temp.untouchedResult();
     }
-    int64_t first_block = -1;
-    if (yi->meta_count > 0 && yi->meta_data != nullptr && yi->meta_data[0] != nullptr)
-        first_block = yi->file_size - (static_cast<int64_t>(yi->header_offset) +
-                                       yi->meta_data[0]->offset);
     // The image: everything in front of the sound (in front of the first
     // data block when the record holds no sound).
     const int64_t image_end = info->count > 0 && info->offsets != nullptr

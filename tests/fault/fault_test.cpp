@@ -314,3 +314,46 @@ TEST(CrashSimulation, NoSafeModeCrashPointLosesAnUntouchedEntry) {
 }
 
 }  // namespace
+
+// A payload file that reads short at any byte (cut between its size being
+// taken and its bytes being read) is refused by every save that loads one,
+// and the target is left as it was.
+TEST(InjectedFaults, PayloadReadsThatComeUpShort) {
+    tu::TempDir dir;
+    const std::string target = dir.path("photo.jpg"), payload = dir.path("payload.bin");
+    const std::string bytes(40, 'p');
+    tu::writeFile(payload, tb::Bytes(bytes.begin(), bytes.end()));
+    const char *pl = payload.c_str();
+    const std::vector<std::pair<std::string, std::function<int(const char *)>>> saves{
+        {"saveYAXFileDataToFile", [pl](const char *p) { return saveYAXFileDataToFile(p, "n", 1, nullptr, 0, pl, 1, 1); }},
+        {"saveYAXFileDataToFP", [pl](const char *p) {
+             FILE *fp = std::fopen(p, "r+b");
+             const int r = saveYAXFileDataToFP(fp, "n", 1, nullptr, 0, pl, 1, 1);
+             return std::fclose(fp), r;
+         }},
+        {"saveFastYAXDataFileToFile", [pl](const char *p) { return saveFastYAXDataFileToFile(p, "n", 1, nullptr, 0, pl, 1, 1); }},
+        {"saveFastYAXNameToFP", [pl](const char *p) {
+             FILE *fp = std::fopen(p, "r+b");
+             const int r = saveFastYAXNameToFP(fp, "n", 1, nullptr, 0, pl, 1, 1);
+             return std::fclose(fp), r;
+         }},
+    };
+    for (const auto &[name, save] : saves) {
+        for (size_t keep = 0; keep <= bytes.size(); ++keep) {
+            tu::writeFile(target, kStart);
+            fault::shortRead(bytes.size(), keep);
+            int r;
+            {
+                Quiet quiet;
+                r = save(target.c_str());
+            }
+            fault::shortRead(0, 0);
+            if (keep < bytes.size()) {
+                EXPECT_EQ(r, 0) << name << " kept " << keep;
+                EXPECT_EQ(tu::readFile(target), kStart) << name << " kept " << keep;
+            } else {
+                EXPECT_EQ(r, 1) << name;  // the whole payload: stored
+            }
+        }
+    }
+}

@@ -13,6 +13,7 @@
 #include <cstring>
 
 extern "C" {
+ssize_t __real_read(int, void *, size_t);
 ssize_t __real_write(int, const void *, size_t);
 ssize_t __real_pwrite64(int, const void *, size_t, off64_t);
 int __real_close(int);
@@ -95,6 +96,12 @@ void arm(Kind kind, int n) {
 }
 void disarm() { gKind = -1; }
 bool fired() { return gFired; }
+
+namespace {
+size_t gShortAsked = 0, gShortKeep = 0;
+}
+
+void shortRead(size_t asked, size_t keep) { gShortAsked = asked, gShortKeep = keep; }
 void record(bool on) { gRecording = on; }
 std::vector<Op> takeOps() {
     std::vector<Op> out;
@@ -107,6 +114,16 @@ std::vector<Op> takeOps() {
 using namespace fault;
 
 extern "C" {
+
+// A read of exactly the armed size comes up short once, as a file cut
+// shorter between its size being taken and its bytes being read would.
+ssize_t __wrap_read(int fd, void *buf, size_t n) {
+    if (gShortAsked != 0 && n == gShortAsked) {
+        gShortAsked = 0;
+        return gShortKeep == 0 ? 0 : __real_read(fd, buf, gShortKeep);
+    }
+    return __real_read(fd, buf, n);
+}
 
 ssize_t __wrap_write(int fd, const void *buf, size_t n) {
     if (due(kWrite)) return errno = ENOSPC, -1;

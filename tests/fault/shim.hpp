@@ -15,6 +15,8 @@ extern const char *const kKindNames[kKinds];
 void arm(Kind kind, int n);  // the nth call of `kind` from now on fails
 void disarm();
 bool fired();
+// The next read of exactly `asked` bytes returns only `keep` (0: end of file).
+void shortRead(size_t asked, size_t keep);
 
 // A change made to a file, in the order made.
 struct Op {
