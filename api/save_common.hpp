@@ -1,12 +1,13 @@
 #pragma once
 // Pieces shared by the save, fast-save and delete entry points: owned
-// allocations, a zero-terminated copy of a caller's key name, and loading a
-// whole payload file into memory with each caller's own messages.
+// allocations, a zero-terminated copy of a caller's key name, and opening a
+// payload file for streaming with each caller's own messages.
 #include <cstdint>
 #include <cstdio>
 #include <memory>
 
 #include "container/layout.hpp"
+#include "support/copy.hpp"
 #include "yax_support.h"
 
 namespace yax::api {
@@ -41,48 +42,58 @@ struct PayloadMsgs {
     const char *alloc_fail;   // no memory for the payload
 };
 
-struct Payload {
-    QBytes data;
-    uint32_t length = 0;
-};
+// A payload file opened for streaming: its size checked, the stream's
+// buffer allocated, the file held open until the save is done. The order of
+// the checks and their messages are those of reading the whole file into
+// memory, which the saves did before they streamed; the allocation that
+// could fail then (the whole payload) is now the stream's buffer, and its
+// failure still gives the flavour's `alloc_fail` line, before anything is
+// written.
+class PayloadFile {
+public:
+    PayloadFile() = default;
+    ~PayloadFile() {
+        if (fp_ != nullptr) _qfclose(fp_);
+    }
+    PayloadFile(const PayloadFile &) = delete;
+    PayloadFile &operator=(const PayloadFile &) = delete;
 
-// Reads the whole file at `path` into one allocation. The file is closed on
-// every path out.
-inline bool loadPayload(const char *path, const PayloadMsgs &m, Payload &out) {
-    FILE *fp = _qfopen(path, "rb");
-    if (fp == nullptr) {
-        if (m.open_fail) YAXLogE(m.tag, m.open_fail);
-        return false;
+    bool open(const char *path, const PayloadMsgs &m) {
+        fp_ = _qfopen(path, "rb");
+        if (fp_ == nullptr) {
+            if (m.open_fail) YAXLogE(m.tag, m.open_fail);
+            return false;
+        }
+        const int64_t size = _qlseek64(fp_, 0, SEEK_END);
+        if (size >= static_cast<int64_t>(layout::kSizeLimit)) {
+            YAXLogE(m.too_big_tag, "Too big YAX data to add in the file");
+            return false;
+        }
+        if (size <= 0) {
+            if (m.empty) YAXLogE(m.tag, m.empty, static_cast<int>(size));
+            return false;
+        }
+        if (_qlseek64(fp_, 0, SEEK_SET) < 0) {
+            if (m.rewind_fail) YAXLogE(m.tag, m.rewind_fail);
+            return false;
+        }
+        buffer_.reset(static_cast<unsigned char *>(_qmalloc(kCopyChunk)));
+        if (!buffer_) {
+            if (m.alloc_fail) YAXLogE(m.tag, m.alloc_fail);
+            return false;
+        }
+        source_.fd = fileno(fp_);
+        source_.length = static_cast<uint32_t>(size);
+        source_.buffer = buffer_.get();
+        return true;
     }
-    auto fail = [fp] {
-        _qfclose(fp);
-        return false;
-    };
-    int64_t size = _qlseek64(fp, 0, SEEK_END);
-    if (size >= static_cast<int64_t>(layout::kSizeLimit)) {
-        YAXLogE(m.too_big_tag, "Too big YAX data to add in the file");
-        return fail();
-    }
-    if (size <= 0) {
-        if (m.empty) YAXLogE(m.tag, m.empty, static_cast<int>(size));
-        return fail();
-    }
-    if (_qlseek64(fp, 0, SEEK_SET) < 0) {
-        if (m.rewind_fail) YAXLogE(m.tag, m.rewind_fail);
-        return fail();
-    }
-    uint32_t length = static_cast<uint32_t>(size);
-    QBytes data(static_cast<unsigned char *>(_qmalloc(length)));
-    if (!data) {
-        if (m.alloc_fail) YAXLogE(m.tag, m.alloc_fail);
-        return fail();
-    }
-    int got = _qfread(data.get(), length, fp);
-    _qfclose(fp);
-    if (got <= 0 || static_cast<uint32_t>(got) != length) return false;
-    out.data = std::move(data);
-    out.length = length;
-    return true;
-}
+    const PayloadSource *source() const { return &source_; }
+    uint32_t length() const { return source_.length; }
+
+private:
+    FILE *fp_ = nullptr;
+    QBytes buffer_;
+    PayloadSource source_;
+};
 
 }  // namespace yax::api
