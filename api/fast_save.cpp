@@ -139,8 +139,10 @@ YAX_EXPORT int saveFastYAXNameToFP(FILE *fp, const char *name, uint32_t name_len
                                    const char *payload_path, uint32_t data_type, int option) {
     using namespace yax;
     api::PayloadFile payload;
-    if (payload_path == nullptr || !payload.open(payload_path, kPayloadMsgs)) return 0;
-    return fastSaveChecked(fp, name, name_length, sub_info, sub_info_length, nullptr,
+    if (payload_path == nullptr || !payload.open(payload_path, kPayloadMsgs) ||
+        !payload.holdIfTarget(fp != nullptr ? fileno(fp) : -1, kPayloadMsgs))
+        return 0;
+    return fastSaveChecked(fp, name, name_length, sub_info, sub_info_length, payload.data(),
                            payload.length(), data_type, option, payload.source());
 }
 
@@ -154,7 +156,9 @@ YAX_EXPORT int saveFastYAXDataFileToFile(const char *path, const char *name, uin
     // A target that cannot be opened reaches the save as a null stream and
     // is reported there.
     FILE *fp = path != nullptr ? _qfopen(path, "r+b") : nullptr;
-    int result = fastSaveChecked(fp, name, name_length, sub_info, sub_info_length, nullptr,
+    int result = 0;
+    if (payload.holdIfTarget(fp != nullptr ? fileno(fp) : -1, kPayloadMsgs))
+        result = fastSaveChecked(fp, name, name_length, sub_info, sub_info_length, payload.data(),
                                  payload.length(), data_type, option, payload.source());
     if (fp != nullptr) _qfclose(fp);
     return result;

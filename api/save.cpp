@@ -459,9 +459,9 @@ YAX_EXPORT int saveYAXFileDataToFile(const char *path, const char *name, uint32_
     if (data_type == YAX_USER_DEFINED_DATA && !hasSubInfo(sub_info, sub_info_length)) return 0;
     api::PayloadFile payload;
     constexpr api::PayloadMsgs msgs{kPathTag, nullptr, kPathTag, nullptr, nullptr, nullptr};
-    if (!payload.open(payload_path, msgs)) return 0;
-    EntryArgs e{name,    name_length,      sub_info,  sub_info_length,
-                nullptr, payload.length(), data_type, payload.source()};
+    if (!payload.open(payload_path, msgs) || !payload.holdIfTarget(path, msgs)) return 0;
+    EntryArgs e{name,           name_length,      sub_info,  sub_info_length,
+                payload.data(), payload.length(), data_type, payload.source()};
     return saveEntryByPath(path, e, option, kSilent);
 }
 
@@ -489,9 +489,9 @@ YAX_EXPORT int saveYAXFileDataToFP(FILE *fp, const char *name, uint32_t name_len
         YAXLogE(tag, msgs.open_fail);
         return 0;
     }
-    if (!payload.open(payload_path, msgs)) return 0;
-    EntryArgs e{name,    name_length,      sub_info,  sub_info_length,
-                nullptr, payload.length(), data_type, payload.source()};
+    if (!payload.open(payload_path, msgs) || !payload.holdIfTarget(fileno(fp), msgs)) return 0;
+    EntryArgs e{name,           name_length,      sub_info,  sub_info_length,
+                payload.data(), payload.length(), data_type, payload.source()};
     return saveEntryByStream(fp, e, option, kSilent);
 }
 

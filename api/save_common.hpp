@@ -2,6 +2,10 @@
 // Pieces shared by the save, fast-save and delete entry points: owned
 // allocations, a zero-terminated copy of a caller's key name, and opening a
 // payload file for streaming with each caller's own messages.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -87,12 +91,38 @@ public:
         source_.buffer = buffer_.get();
         return true;
     }
-    const PayloadSource *source() const { return &source_; }
+    // A payload file that is the target itself cannot be streamed into it
+    // (the add writes over what it still has to read): it is read whole into
+    // memory first, as every payload used to be. False (after the
+    // flavour's `alloc_fail` line) when there is no memory for it.
+    bool holdIfTarget(int target_fd, const PayloadMsgs &m) {
+        struct stat a {}, b {};
+        if (target_fd < 0 || fstat(target_fd, &a) != 0 || fstat(source_.fd, &b) != 0 ||
+            a.st_dev != b.st_dev || a.st_ino != b.st_ino)
+            return true;
+        held_.reset(static_cast<unsigned char *>(_qmalloc(source_.length)));
+        if (!held_) {
+            if (m.alloc_fail) YAXLogE(m.tag, m.alloc_fail);
+            return false;
+        }
+        const int got = _qfread(held_.get(), source_.length, fp_);
+        return got > 0 && static_cast<uint32_t>(got) == source_.length;
+    }
+    bool holdIfTarget(const char *target_path, const PayloadMsgs &m) {
+        const int fd = target_path != nullptr ? ::open(target_path, O_RDONLY | O_CLOEXEC) : -1;
+        const bool ok = holdIfTarget(fd, m);
+        if (fd >= 0) ::close(fd);
+        return ok;
+    }
+    // Either the payload in memory (held) or its stream, never both.
+    const void *data() const { return held_.get(); }
+    const PayloadSource *source() const { return held_ ? nullptr : &source_; }
     uint32_t length() const { return source_.length; }
 
 private:
     FILE *fp_ = nullptr;
     QBytes buffer_;
+    QBytes held_;
     PayloadSource source_;
 };
 
