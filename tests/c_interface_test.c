@@ -33,6 +33,9 @@ int main(void) {
     CHECK(yaxGetSafeEdit() == 1);
     yaxSetSafeEdit(0);
     CHECK(yaxRecoverEdit("no-such-file.jpg") == 0);
+    CHECK(YAX_STREAM_PAYLOAD == 0 && YAX_STREAM_SUB_INFO == 1);
+    CHECK(yaxStreamYAXData(NULL, 0, YAX_STREAM_PAYLOAD, stdout) == -1);
+    CHECK(yaxStreamYAXDataByName(NULL, "a", YAX_STREAM_SUB_INFO, stdout) == -1);
     printf("%d passed, %d failed\n", failures == 0 ? 1 : 0, failures == 0 ? 0 : 1);
     return failures == 0 ? 0 : 1;
 }
