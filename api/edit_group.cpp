@@ -12,14 +12,22 @@ namespace {
 // Where the first byte a save may change lies: the end of a file without
 // entries, the first data block (or its MP4 box head), or the first sound of
 // a legacy block. -1 when the file cannot be read.
-int64_t changeStart(FILE *fp) {
+// A save of `key` into a trailer without legacy audio that cannot replace
+// an entry of that name only appends: it changes the file from the header on.
+int64_t changeStart(FILE *fp, const char *key, bool replace) {
     int64_t from = -1;
-    switch (getSignatureFP(fp)) {
+    const int signature = getSignatureFP(fp);
+    switch (signature) {
     case SIGNATURE_NONE: from = _qlseek64(fp, 0, SEEK_END); break;
     case SIGNATURE_YAX:
     case SIGNATURE_VONO_YAX:
         if (YAXDATA *yd = checkYAXInFP(fp)) {
             from = yd->yax_info->data_start_position;
+            const bool appends = signature == SIGNATURE_YAX && key != nullptr &&
+                                 (!replace || _getIndexOfName(yd, key) >= yd->count);
+            const int64_t end = _qlseek64(fp, 0, SEEK_END);
+            if (appends && end >= int64_t{yd->yax_info->header_offset})
+                from = end - yd->yax_info->header_offset;
             destroyYAXDATA_FP(yd);
         }
         break;
@@ -37,17 +45,17 @@ int64_t changeStart(FILE *fp) {
 
 }  // namespace
 
-EditGroup::EditGroup(FILE *fp) {
+EditGroup::EditGroup(FILE *fp, const char *key, bool replace) {
     if (!safeEdits() || fp == nullptr) return;
-    const int64_t from = changeStart(fp);
+    const int64_t from = changeStart(fp, key, replace);
     if (from >= 0) scope_ = std::make_unique<UndoScope>(fp, from);
 }
 
-EditGroup::EditGroup(const char *path) {
+EditGroup::EditGroup(const char *path, const char *key, bool replace) {
     if (!safeEdits() || path == nullptr) return;
     FILE *fp = _qfopen(path, "rb");
     if (fp == nullptr) return;
-    const int64_t from = changeStart(fp);
+    const int64_t from = changeStart(fp, key, replace);
     _qfclose(fp);
     if (from >= 0) scope_ = std::make_unique<UndoScope>(path, from);
 }

@@ -14,8 +14,11 @@ namespace yax::api {
 
 class EditGroup {
 public:
-    explicit EditGroup(FILE *fp);
-    explicit EditGroup(const char *path);
+    // `key`, when given, is the name a save stores and `replace` whether it
+    // may replace a same-name entry: a save that can only append to a
+    // trailer saves the bytes from the header on, not every block.
+    explicit EditGroup(FILE *fp, const char *key = nullptr, bool replace = true);
+    explicit EditGroup(const char *path, const char *key = nullptr, bool replace = true);
     bool ready() const { return scope_ == nullptr || scope_->ready(); }
     // The save's own result, or 0 when the group had to put the file back.
     int finish(int result);

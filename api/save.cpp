@@ -315,7 +315,7 @@ int saveSteps(const Target &t, const Adder &adder, const Request &rq, const Bran
 // The safe-edit mode makes every save one edit (see edit_group.hpp).
 template <typename Target, typename Adder>
 int saveDecision(const Target &t, const Adder &adder, const Request &rq, const BranchMsgs &m) {
-    api::EditGroup group(t.where());
+    api::EditGroup group(t.where(), rq.key, (rq.option & 1) != 0);
     if (!group.ready()) return 0;
     return group.finish(saveSteps(t, adder, rq, m));
 }

@@ -10,10 +10,13 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <vector>
+
 #include <unistd.h>
 
 #include "container/add.hpp"
 #include "container/layout.hpp"
+#include "support/gather.hpp"
 #include "support/io.hpp"
 #include "support/safe_file.hpp"
 #include "yax_container.h"
@@ -316,10 +319,61 @@ bool checkAppendArgs(const NewEntry &e, const YaxInfo *info, const AppendFlavour
 
 // The new block over the old header, then the longer header and the tail.
 // The record keeps the shifted offsets but does not receive the new row.
-template <typename IO>
-bool appendAtHeader(const IO &io, const Checker<IO> &check, YaxInfo *info, const NewEntry &e,
-                    uint32_t block_length, const char *tag_info_msg) {
+// `trailer_last`: nothing follows the tail (no legacy end record).
+bool appendAtHeader(const BufIO &io, const Checker<BufIO> &check, YaxInfo *info, const NewEntry &e,
+                    uint32_t block_length, const char *tag_info_msg, bool) {
     shiftRows(info, block_length);
+    return putBlock(io, check, e, tag_info_msg, kAddPayloadMsg) &&
+           putHeader(io, check, kFieldMessages, info, e.metaType(), block_length);
+}
+
+// A file gets the same bytes in an order that an interruption cannot turn
+// into a file without a trailer. When the new block is at least as long as
+// the old header and tail, the new header and tail go out first, in one
+// write beyond the old end: from then on the file ends in a complete trailer
+// whose old rows still point at their blocks, and the block is written over
+// the old header last (a failed block write puts the old header and length
+// back). A shorter block goes out with the header and tail in one write.
+// When that one write fails, the file is put back and the writes run in the
+// usual order, field by field, meeting the failure with their own messages.
+bool appendAtHeader(const FileIO &io, const Checker<FileIO> &check, YaxInfo *info, const NewEntry &e,
+                    uint32_t block_length, const char *tag_info_msg, bool trailer_last) {
+    shiftRows(info, block_length);
+    const int64_t at = trailer_last ? io.seek(0, SEEK_CUR) : -1;
+    const int64_t end = at >= 0 ? ::lseek64(fileno(io.fp), 0, SEEK_END) : -1;
+    if (at >= 0 && io.seek(at, SEEK_SET) == at && end >= at) {
+        const bool beyond = at + int64_t{block_length} >= end;
+        std::vector<unsigned char> old(beyond ? static_cast<size_t>(end - at) : 0);
+        const Checker<FileIO> quiet(io, nullptr, FailTest::kNone);
+        bool sent = !beyond || ::pread64(fileno(io.fp), old.data(), old.size(), at) ==
+                                   static_cast<ssize_t>(old.size());
+        if (sent) {
+            WriteGather gather(io.fp);
+            if (beyond) {
+                io.seek(at + block_length, SEEK_SET);
+            } else {
+                putBlock(io, quiet, e, nullptr, nullptr);
+            }
+            putHeader(io, quiet, kFieldMessages, info, e.metaType(), block_length);
+            sent = gather.send();
+        }
+        if (sent && !beyond) return true;
+        if (sent) {
+            const int fd = fileno(io.fp);
+            fdatasync(fd);  // the new trailer reaches the disk before the old one is overwritten
+            const int64_t new_end = io.seek(0, SEEK_END);
+            io.seek(at, SEEK_SET);
+            if (putBlock(io, check, e, tag_info_msg, kAddPayloadMsg)) {
+                io.seek(new_end, SEEK_SET);
+                return true;
+            }
+            if (::pwrite64(fd, old.data(), old.size(), at) != static_cast<ssize_t>(old.size()) ||
+                ::ftruncate64(fd, end) != 0)
+                noteIoFailure();
+            return false;
+        }
+        io.seek(at, SEEK_SET);
+    }
     return putBlock(io, check, e, tag_info_msg, kAddPayloadMsg) &&
            putHeader(io, check, kFieldMessages, info, e.metaType(), block_length);
 }
@@ -351,7 +405,7 @@ int addToTrailer(const IO &io, YaxInfo *info, const NewEntry &e, VonoInfo *vono)
     auto undo = undoScope(io, header_pos, e.abandoned());
     if (!undo.ready()) return 0;
     const Checker<IO> check(io, f.io_tag, FailTest::kBackend);
-    if (!appendAtHeader(io, check, info, e, block_length, f.tag_info_msg)) return 0;
+    if (!appendAtHeader(io, check, info, e, block_length, f.tag_info_msg, vono == nullptr)) return 0;
     if (vono != nullptr) {
         uint32_t start, end;
         vonoWords(vono, &start, &end);
@@ -410,7 +464,7 @@ int addToTrailerByPath(const char *path, YaxInfo *info, const NewEntry &e, VonoI
     bool ok;
     {
         UndoScope undo(fp, pos, e.abandoned());
-        ok = undo.ready() && appendAtHeader(io, check, info, e, block_length, f.tag_info_msg);
+        ok = undo.ready() && appendAtHeader(io, check, info, e, block_length, f.tag_info_msg, vono == nullptr);
         if (ok && vono != nullptr) ok = putVonoFromRecord(io, vono);
         ok = ok && undo.commit();
     }
@@ -453,27 +507,32 @@ int fastAdd(YaxInfo *info, const NewEntry &e, int reuse_first) {
         if (first_pos < 0 || io.seek(first_pos, SEEK_SET) < 0) return 0;
         UndoScope undo(info->fp, first_pos, e.abandoned());
         if (!undo.ready()) return 0;
-        if (spare == 0) {
-            // exactly entry 0's size: its place, and its row retyped
-            putBlock(io, unchecked, e, nullptr, nullptr);
-            if (e.sourceFailed()) return 0;
-            io.seek(header_pos, SEEK_SET);
-            writeDummyYAXHeader(info, e.data_type, e.has_sub_info);
-        } else {
+        // The block and the header each go out in one write (see WriteGather;
+        // a payload streamed from a file larger than a copy chunk goes
+        // straight to the file instead).
+        const uint32_t first_offset = first.offset;
+        writeAtOnce(info->fp, [&] {
+            io.seek(first_pos, SEEK_SET);
+            if (spare == 0) {
+                // exactly entry 0's size: its place, and its row retyped
+                putBlock(io, unchecked, e, nullptr, nullptr);
+                if (e.sourceFailed()) return 0;
+                io.seek(header_pos, SEEK_SET);
+                return writeDummyYAXHeader(info, e.data_type, e.has_sub_info);
+            }
             // a smaller filler first, the new block ending where entry 0 ended
-            const uint32_t first_offset = first.offset;
             writeDummyYAXData(info->fp, spare);
             putBlock(io, unchecked, e, nullptr, nullptr);
             if (e.sourceFailed()) return 0;
             io.seek(header_pos, SEEK_SET);
-            writeYAXHeader(info, info->meta_count + 1, 1, first_offset, spare,
-                           first_offset - spare, block_length, e.data_type, e.has_sub_info);
-        }
+            return writeYAXHeader(info, info->meta_count + 1, 1, first_offset, spare,
+                                  first_offset - spare, block_length, e.data_type, e.has_sub_info);
+        });
         return undo.commit() ? 1 : 0;
     }
     UndoScope undo(info->fp, header_pos, e.abandoned());
     if (!undo.ready()) return 0;
-    appendAtHeader(io, unchecked, info, e, block_length, nullptr);
+    appendAtHeader(io, unchecked, info, e, block_length, nullptr, true);
     return undo.commit() ? 1 : 0;
 }
 

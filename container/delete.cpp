@@ -19,6 +19,7 @@
 #include <cstdio>
 
 #include "container/layout.hpp"
+#include "support/gather.hpp"
 #include "support/io.hpp"
 #include "support/copy.hpp"
 #include "support/safe_file.hpp"
@@ -300,6 +301,35 @@ int deleteOneInPlace(typename F::IO io, YaxInfo *info, uint32_t index, VonoInfo 
         readAll(io, kept_bytes + kept, e->length);
         kept += e->length;
     }
+    const auto table = [&] {
+        writeTable(io, info, info->meta_count - 1, nullptr, [index](uint32_t i) { return i == index; });
+        if (vono != nullptr) writeVonoEnd(io, vono, vono->count, vono->sound_moved ? gone : 0);
+    };
+    if constexpr (!F::IO::kIsBuffer) {
+        // A file gets the kept blocks, the table and the tail in one write and
+        // is cut to its new length after it: an interruption finds the old
+        // trailer or, once written, the new one followed by stale bytes that
+        // the cut removes. When the one write fails the file is put back and
+        // the steps below run as usual.
+        int64_t end = -1;
+        bool sent;
+        {
+            WriteGather gather(io.fp);
+            io.seek(start, SEEK_SET);
+            writeAll(io, kept_bytes, kept);
+            table();
+            end = io.seek(0, SEEK_CUR);
+            sent = gather.send();
+        }
+        if (sent) {
+            _qfree(kept_bytes);
+            if (F::truncate(io, end) != 0) {
+                YAXLogE(F::kOneTag, "truncate fail");
+                return 0;
+            }
+            return undo.commit() ? 1 : 0;
+        }
+    }
     io.seek(start, SEEK_SET);
     writeAll(io, kept_bytes, kept);
     io.seek(start + static_cast<int64_t>(kept), SEEK_SET);
@@ -309,8 +339,7 @@ int deleteOneInPlace(typename F::IO io, YaxInfo *info, uint32_t index, VonoInfo 
         YAXLogE(F::kOneTag, "truncate fail");
         return 0;
     }
-    writeTable(io, info, info->meta_count - 1, nullptr, [index](uint32_t i) { return i == index; });
-    if (vono != nullptr) writeVonoEnd(io, vono, vono->count, vono->sound_moved ? gone : 0);
+    table();
     return undo.commit() ? 1 : 0;
 }
 
@@ -333,14 +362,17 @@ int fastDeleteAll(YaxInfo *info, bool keep_vono, const char *tag) {
     UndoScope undo(info->fp, dataStart(info));
     if (!undo.ready()) return 0;
     VonoInfo *vono = keep_vono ? vonoOfStream(io) : nullptr;
-    io.seek(dataStart(info), SEEK_SET);
-    writeDummyYAXDataHeader(info->fp, static_cast<uint32_t>(region), 0);
-    // The old end record was inside the region; it goes again behind the new
-    // tail, so the file grows by its length.
-    if (vono != nullptr) {
-        writeVonoDataHeader(info->fp, vono);
-        _destroyVONODATA(vono);
-    }
+    // The filler's fields, header and tail (and the end record) go out in one
+    // write (see WriteGather).
+    writeAtOnce(info->fp, [&] {
+        io.seek(dataStart(info), SEEK_SET);
+        writeDummyYAXDataHeader(info->fp, static_cast<uint32_t>(region), 0);
+        // The old end record was inside the region; it goes again behind the
+        // new tail, so the file grows by its length.
+        if (vono != nullptr) writeVonoDataHeader(info->fp, vono);
+        return 0;
+    });
+    _destroyVONODATA(vono);
     return undo.commit() ? 1 : 0;
 }
 
@@ -562,19 +594,23 @@ YAX_EXPORT int FastDeleteAYAXData(YaxInfo *info, uint32_t index, VonoInfo *vono,
         _qfree(kept_bytes);
         return 0;
     }
-    io.seek(start, SEEK_SET);
-    writeDummyYAXData(info->fp, static_cast<uint32_t>(filler));
-    yax::writeAll(io, kept_bytes, kept);
-    _qfree(kept_bytes);
-
     YaxEntry row{};
     row.offset = static_cast<uint32_t>(kept + filler);
     row.length = static_cast<uint32_t>(filler);
     row.meta_type = metaType(kFillerType, 0);
-    // The old filler, when one was absorbed, is row 0.
-    yax::writeTable(io, info, info->meta_count - (absorbed ? 1 : 0), &row,
-                    [index, absorbed](uint32_t i) { return i == index || (absorbed && i == 0); });
-    if (vono != nullptr) writeVonoDataHeader(info->fp, vono);
+    // Filler, kept blocks, table and tail are one run from the first block
+    // on, and go out in one write (see WriteGather).
+    yax::writeAtOnce(info->fp, [&] {
+        io.seek(start, SEEK_SET);
+        writeDummyYAXData(info->fp, static_cast<uint32_t>(filler));
+        yax::writeAll(io, kept_bytes, kept);
+        // The old filler, when one was absorbed, is row 0.
+        yax::writeTable(io, info, info->meta_count - (absorbed ? 1 : 0), &row,
+                        [index, absorbed](uint32_t i) { return i == index || (absorbed && i == 0); });
+        if (vono != nullptr) writeVonoDataHeader(info->fp, vono);
+        return 0;
+    });
+    _qfree(kept_bytes);
     return undo.commit() ? 1 : 0;
 }
 

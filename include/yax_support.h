@@ -81,7 +81,14 @@ YAX_EXPORT int32_t getYAXWriteSize(YAXBUFFER *handle);
  * changes): an edited file is flushed to the disk (fsync) before the edit
  * returns, a rewritten file keeps the original's mode, owner (where
  * permitted) and extended attributes, and the folder is flushed after the
- * temporary file took the file's place.
+ * temporary file took the file's place. Appending and in-place edits of a
+ * file order their writes so that an interruption rarely costs an entry the
+ * edit did not target: an add whose block is at least as long as the old
+ * header and tail writes the new header and tail first, beyond the old end
+ * (flushed), then the block over the old header; every header, table or run
+ * of moved blocks goes out in one write instead of one per field. The final
+ * bytes are those of the documented steps; when the one write fails, the
+ * file is put back and the documented steps run, with their own messages.
  *
  * With the switch on:
  *  - rewriting edits (the deletes that rebuild a file, the legacy audio edits)

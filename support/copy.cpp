@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "support/gather.hpp"
 #include "support/safe_file.hpp"
 #include "yax_support.h"
 
@@ -29,6 +30,12 @@ ssize_t kernelCopy(int in, int out, size_t n) {
     errno = ENOSYS;
     return -1;
 #endif
+}
+
+// Writes into an open gather of `fd` when there is one (see gather.hpp).
+ssize_t writeOut(int fd, const void *p, size_t n, bool gather) {
+    if (gather && WriteGather::take(fd, p, n)) return static_cast<ssize_t>(n);
+    return ::write(fd, p, n);
 }
 
 // Reads up to n bytes, retrying short reads until the end of the source.
@@ -55,7 +62,8 @@ CopyOutcome copyFd(int out, int in, uint64_t count, const CopyPolicy &policy,
                    unsigned char *buffer) {
     CopyOutcome result;
     const size_t chunk = policy.chunk != 0 ? policy.chunk : kCopyChunk;
-    bool kernel = policy.kernel;
+    // a gathered destination takes its bytes in memory (see gather.hpp)
+    bool kernel = policy.kernel && !(policy.gather && WriteGather::holds(out));
     unsigned char *own = nullptr;
     auto stop = [&](CopyStop why) {
         result.stop = why;
@@ -89,7 +97,7 @@ CopyOutcome copyFd(int out, int in, uint64_t count, const CopyPolicy &policy,
                 if (got > 0) {
                     // what did arrive still goes out, so the caller's
                     // positions stay consistent with `copied`
-                    const ssize_t w = ::write(out, buffer, static_cast<size_t>(got));
+                    const ssize_t w = writeOut(out, buffer, static_cast<size_t>(got), policy.gather);
                     if (w == got) result.copied += static_cast<uint64_t>(got);
                 }
                 _qfree(own);
@@ -98,7 +106,7 @@ CopyOutcome copyFd(int out, int in, uint64_t count, const CopyPolicy &policy,
             noteIoFailure();
             std::memset(buffer + std::max<ssize_t>(got, 0), 0, n - static_cast<size_t>(std::max<ssize_t>(got, 0)));
         }
-        const ssize_t w = ::write(out, buffer, n);
+        const ssize_t w = writeOut(out, buffer, n, policy.gather);
         if (w != static_cast<ssize_t>(n)) {
             noteIoFailure();
             logShortWrite(w, n);
@@ -138,7 +146,11 @@ int PayloadSource::writeTo(int out) const {
         noteIoFailure();
         return static_cast<int>(length);
     }
-    const CopyOutcome r = copyFd(out, fd, length, CopyPolicy{}, buffer);
+    // A small payload joins an open gather of the block (one write with its
+    // fields); a large one goes straight to the file rather than into memory.
+    CopyPolicy policy;
+    policy.gather = length <= kCopyChunk;
+    const CopyOutcome r = copyFd(out, fd, length, policy, buffer);
     struct stat st {};
     switch (r.stop) {
     case CopyStop::kWriteError: return -1;

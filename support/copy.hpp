@@ -25,6 +25,9 @@ struct CopyPolicy {
     // looked at (the count is written in full, zeros where the source gave
     // out) and a failed write is logged and the copy goes on.
     bool whole = false;
+    // An open gather of the destination (gather.hpp) takes the bytes in
+    // memory; without this they go straight to the file even then.
+    bool gather = true;
 };
 
 enum class CopyStop {

@@ -1,5 +1,6 @@
 // File primitives. Data moves through the stream's descriptor (read, write,
 // lseek64), never through stdio's buffer; integers have an explicit byte order.
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -7,6 +8,7 @@
 
 #include "support/bytes.hpp"
 #include "support/copy.hpp"
+#include "support/gather.hpp"
 #include "support/safe_file.hpp"
 #include "yax_support.h"
 
@@ -19,6 +21,7 @@ int readN(FILE *stream, void *buffer, size_t length) {
 }
 
 int writeN(FILE *stream, const void *buffer, size_t length) {
+    if (yax::WriteGather::take(fileno(stream), buffer, length)) return static_cast<int>(length);
     const int r = static_cast<int>(::write(fileno(stream), buffer, length));
     if (r != static_cast<int>(length)) yax::noteIoFailure();
     return r;
@@ -120,3 +123,83 @@ YAX_EXPORT int _qfilecopy(FILE *destination, FILE *source, int64_t count) {
 }
 
 }  // extern "C"
+
+namespace yax {
+
+namespace {
+thread_local WriteGather *tGather = nullptr;
+
+// The whole of `n` bytes at `at`; false on any failed or short write.
+bool pwriteAll(int fd, const unsigned char *p, size_t n, int64_t at) {
+    while (n > 0) {
+        const ssize_t w = ::pwrite64(fd, p, n, static_cast<off64_t>(at));
+        if (w <= 0) return false;
+        p += w;
+        n -= static_cast<size_t>(w);
+        at += w;
+    }
+    return true;
+}
+}  // namespace
+
+WriteGather::WriteGather(FILE *fp)
+    : fd_(fp != nullptr ? fileno(fp) : -1),
+      start_(fd_ >= 0 ? ::lseek64(fd_, 0, SEEK_CUR) : -1),
+      outer_(tGather) {
+    if (fd_ >= 0 && start_ >= 0) tGather = this;
+}
+
+WriteGather::~WriteGather() {
+    if (tGather == this) tGather = outer_;
+}
+
+bool WriteGather::holds(int fd) { return tGather != nullptr && tGather->fd_ == fd; }
+
+bool WriteGather::take(int fd, const void *p, size_t n) {
+    WriteGather *g = tGather;
+    if (g == nullptr || fd != g->fd_) return false;
+    const int64_t at = ::lseek64(fd, 0, SEEK_CUR);
+    if (at < 0) return false;
+    const auto *bytes = static_cast<const unsigned char *>(p);
+    if (!g->runs_.empty() &&
+        g->runs_.back().at + static_cast<int64_t>(g->runs_.back().bytes.size()) == at) {
+        g->runs_.back().bytes.insert(g->runs_.back().bytes.end(), bytes, bytes + n);
+    } else {
+        g->runs_.push_back(Run{at, std::vector<unsigned char>(bytes, bytes + n)});
+    }
+    ::lseek64(fd, static_cast<off64_t>(n), SEEK_CUR);
+    return true;
+}
+
+bool WriteGather::send() {
+    if (tGather == this) tGather = outer_;
+    if (fd_ < 0 || start_ < 0) return false;
+    const int64_t end = ::lseek64(fd_, 0, SEEK_CUR);
+    const int64_t old_length = ::lseek64(fd_, 0, SEEK_END);
+    // the bytes each run covers, to put back if a later run fails
+    std::vector<std::vector<unsigned char>> old(runs_.size());
+    for (size_t i = 0; i < runs_.size(); ++i) {
+        const Run &r = runs_[i];
+        if (r.at >= old_length) continue;
+        const int64_t covered = std::min<int64_t>(static_cast<int64_t>(r.bytes.size()), old_length - r.at);
+        old[i].resize(static_cast<size_t>(covered));
+        if (::pread64(fd_, old[i].data(), old[i].size(), static_cast<off64_t>(r.at)) != covered) {
+            ::lseek64(fd_, static_cast<off64_t>(start_), SEEK_SET);
+            return false;
+        }
+    }
+    size_t sent = 0;
+    while (sent < runs_.size() && pwriteAll(fd_, runs_[sent].bytes.data(), runs_[sent].bytes.size(), runs_[sent].at))
+        ++sent;
+    if (sent == runs_.size()) {
+        ::lseek64(fd_, static_cast<off64_t>(end), SEEK_SET);
+        return true;
+    }
+    for (size_t i = 0; i <= sent && i < runs_.size(); ++i)
+        if (!old[i].empty()) pwriteAll(fd_, old[i].data(), old[i].size(), runs_[i].at);
+    if (::ftruncate64(fd_, static_cast<off64_t>(old_length)) != 0) noteIoFailure();
+    ::lseek64(fd_, static_cast<off64_t>(start_), SEEK_SET);
+    return false;
+}
+
+}  // namespace yax

@@ -4,7 +4,8 @@
 // Always on (no documented result or log line depends on it): the finished
 // file is flushed to the disk with fsync before an edit returns, and a
 // rewritten file keeps the original's mode, owner (where permitted) and
-// extended attributes.
+// extended attributes; headers, tables and moved blocks go out in one write
+// each, an add's new trailer before its block (see gather.hpp and the adds).
 //
 // Under the safe-edit mode (yaxSetSafeEdit, process-wide, off by default):
 //  - a rewriting edit writes its temporary file beside the real target
