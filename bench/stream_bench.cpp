@@ -19,7 +19,8 @@
 // and preloaded into the yax and cat processes); what the durability costs is
 // printed as its own figure: the same edit with fsync on, minus without.
 //
-// Usage: yax_stream_bench [directory] [runs]   (default: $TMPDIR or /tmp, 5)
+// Usage: yax_stream_bench [directory] [runs] [copy|hosts|payloads|deletes|parse]
+//        (default: $TMPDIR or /tmp, 5 runs, every part)
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -391,10 +392,12 @@ int main(int argc, char **argv) {
     gNoSyncLib = YAX_NOSYNC_LIB;
 #endif
     std::printf("%-52s %13s %16s %14s %10s %12s\n", "cost", "time", "cpu", "written", "fsync", "peak");
-    copyCandidates();
-    hostSizes();
-    bigPayloads();
-    deletes();
-    parseList();
+    const std::string only = argc > 3 ? argv[3] : "";
+    const auto want = [&](const char *part) { return only.empty() || only == part; };
+    if (want("copy")) copyCandidates();
+    if (want("hosts")) hostSizes();
+    if (want("payloads")) bigPayloads();
+    if (want("deletes")) deletes();
+    if (want("parse")) parseList();
     return 0;
 }

@@ -40,8 +40,7 @@ YAX_EXPORT YAXDATA_UNIT *extractYAXDataFromFilebyName(YAXDATA *yaxdata, const ch
  * YAX_STREAM_PAYLOAD) or the sub-information (part YAX_STREAM_SUB_INFO) of
  * entry `index` (or of the first entry named `name`) of a record opened
  * from a file to `out`, at its descriptor's position (stdio's buffer of
- * `out` is flushed first), with the kernel's file-to-file copy where there
- * is one and large buffers elsewhere. Returns the number of bytes written,
+ * `out` is flushed first), through one 256 KiB buffer. Returns the number of bytes written,
  * or -1 after a logged failure: no such entry or part, a part that lies
  * outside the file, or a read or write that failed (part of the bytes may
  * then have been written). */

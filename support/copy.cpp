@@ -3,7 +3,6 @@
 
 #include <unistd.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -15,22 +14,6 @@
 
 namespace yax {
 namespace {
-
-// The kernel's copy: glibc's wrapper where it has one (so that it can be
-// wrapped and watched like read and write), the system call elsewhere
-// (bionic has no wrapper before API level 34); -1 with ENOSYS where neither
-// exists.
-ssize_t kernelCopy(int in, int out, size_t n) {
-#if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 27))
-    return ::copy_file_range(in, nullptr, out, nullptr, n, 0);
-#elif defined(__NR_copy_file_range)
-    return static_cast<ssize_t>(::syscall(__NR_copy_file_range, in, nullptr, out, nullptr, n, 0u));
-#else
-    (void)in, (void)out, (void)n;
-    errno = ENOSYS;
-    return -1;
-#endif
-}
 
 // Writes into an open gather of `fd` when there is one (see gather.hpp).
 ssize_t writeOut(int fd, const void *p, size_t n, bool gather) {
@@ -62,8 +45,6 @@ CopyOutcome copyFd(int out, int in, uint64_t count, const CopyPolicy &policy,
                    unsigned char *buffer) {
     CopyOutcome result;
     const size_t chunk = policy.chunk != 0 ? policy.chunk : kCopyChunk;
-    // a gathered destination takes its bytes in memory (see gather.hpp)
-    bool kernel = policy.kernel && !(policy.gather && WriteGather::holds(out));
     unsigned char *own = nullptr;
     auto stop = [&](CopyStop why) {
         result.stop = why;
@@ -72,19 +53,6 @@ CopyOutcome copyFd(int out, int in, uint64_t count, const CopyPolicy &policy,
     };
     while (result.copied < count) {
         const uint64_t left = count - result.copied;
-        if (kernel) {
-            const ssize_t r =
-                kernelCopy(in, out, left < kKernelCall ? static_cast<size_t>(left) : kKernelCall);
-            if (r > 0) {
-                result.copied += static_cast<uint64_t>(r);
-                continue;
-            }
-            if (r < 0 && errno == EINTR) continue;
-            // Not possible between these two files (or the source ended, or
-            // a real error): the fallback goes on from where this stopped
-            // and tells which side failed.
-            kernel = false;
-        }
         const size_t n = left < chunk ? static_cast<size_t>(left) : chunk;
         if (buffer == nullptr) {
             own = static_cast<unsigned char *>(_qmalloc(chunk));

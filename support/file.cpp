@@ -103,7 +103,7 @@ YAX_EXPORT int _qrename(const char *old_path, const char *new_path) {
 
 // 64 KiB at a time through one heap buffer, as it always has; the library's
 // own rewriting edits copy with copyKept (support/copy.hpp), the same routine
-// with a larger chunk and the kernel's copy.
+// with a larger chunk.
 YAX_EXPORT int _qfilecopy(FILE *destination, FILE *source, int64_t count) {
     if (destination == nullptr || source == nullptr || count == 0) return 0;
     auto *chunk = static_cast<unsigned char *>(_qmalloc(kFileCopyChunk));
@@ -113,7 +113,6 @@ YAX_EXPORT int _qfilecopy(FILE *destination, FILE *source, int64_t count) {
     }
     yax::CopyPolicy documented;
     documented.chunk = kFileCopyChunk;
-    documented.kernel = false;
     documented.whole = true;
     if (count > 0)
         yax::copyFd(fileno(destination), fileno(source), static_cast<uint64_t>(count), documented,

@@ -159,8 +159,8 @@ TEST_P(Streamed, EmptyMissingAndSelfPayloads) {
 INSTANTIATE_TEST_SUITE_P(SafeEdit, Streamed, ::testing::Values(0, 1));
 
 // Streaming extraction gives exactly the bytes of each part, to a file at
-// its position, to one opened for appending (where the kernel's copy is
-// refused) and to a pipe; missing parts, unknown parts and parts that lie
+// its position (after what stdio still held), to one opened for appending
+// and to a pipe; missing parts, unknown parts and parts that lie
 // outside the file are refused with a line.
 TEST_F(ApiTest, StreamingExtraction) {
     const Entry one{1, "1", "z", ""}, big{2, "big", std::string(kChunk + 1, 'q'), "s"};

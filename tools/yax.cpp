@@ -496,7 +496,7 @@ const Entry *findEntry(const Contents &c, const std::string &name) {
 }
 
 // Streams the payload or sub-information of `e` to `out` through the library
-// (the kernel's file-to-file copy where it can). The library runs with
+// (in large chunks, never the whole payload at once). The library runs with
 // standard output silenced, so it writes to a copy of `out`'s descriptor.
 std::optional<std::string> extract(const std::string &path, const Entry &e, bool subInfo, FILE *out) {
     const int64_t length = subInfo ? e.subLength : e.length;

@@ -328,9 +328,8 @@ void grow(const std::string &path) {
 // whose reads start failing, makes the save fail with a line saying so and
 // leaves the target as it was: in the safe-edit mode for every save, replaces
 // included; in the default mode for every add (a replace's delete has
-// already happened there, as when any add after it fails). The copy goes
-// through read and write here (the kernel's copy is refused while a read
-// fault is set), in chunks of 256 KiB, so each fault lands mid-stream.
+// already happened there, as when any add after it fails). The copy reads
+// 256 KiB at a time, so each fault lands mid-stream.
 TEST(PayloadStream, ChangedOrFailingPayloadLeavesTheTargetAlone) {
     tu::TempDir dir;
     char real[PATH_MAX];

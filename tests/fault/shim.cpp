@@ -14,7 +14,6 @@
 
 extern "C" {
 ssize_t __real_read(int, void *, size_t);
-ssize_t __real_copy_file_range(int, off64_t *, int, off64_t *, size_t, unsigned);
 ssize_t __real_write(int, const void *, size_t);
 ssize_t __real_pwrite64(int, const void *, size_t, off64_t);
 int __real_close(int);
@@ -143,12 +142,6 @@ extern "C" {
 ssize_t __wrap_read(int fd, void *buf, size_t n) {
     if (readFails(fd)) return errno = EIO, -1;
     return __real_read(fd, buf, n);
-}
-
-ssize_t __wrap_copy_file_range(int in, off64_t *in_at, int out, off64_t *out_at, size_t n,
-                               unsigned flags) {
-    if (gKind != -1 || gRecording || !gReadPath.empty()) return errno = EXDEV, -1;
-    return __real_copy_file_range(in, in_at, out, out_at, n, flags);
 }
 
 ssize_t __wrap_write(int fd, const void *buf, size_t n) {

@@ -15,11 +15,8 @@ extern const char *const kKindNames[kKinds];
 void arm(Kind kind, int n);  // the nth call of `kind` from now on fails
 void disarm();
 
-// Reads of one file (read, and copy_file_range from it): `hook` runs before
-// the nth read of `path`, and with `fail` set that read and every later one
-// fails with EIO. While any fault is armed or changes are recorded,
-// copy_file_range reports EXDEV, so that every byte goes through the
-// wrapped read and write.
+// Reads of one file: `hook` runs before the nth read of `path`, and with
+// `fail` set that read and every later one fails with EIO.
 void onRead(const std::string &path, int n, bool fail, void (*hook)(const std::string &) = nullptr);
 int readsOf();  // reads of that path seen since onRead
 bool fired();
