@@ -21,13 +21,14 @@ ssize_t writeOut(int fd, const void *p, size_t n, bool gather) {
     return ::write(fd, p, n);
 }
 
-// Reads up to n bytes, retrying short reads until the end of the source.
+// Reads up to n bytes, retrying short reads until the end of the source;
+// -1 when a read fails, whatever came before it.
 ssize_t readSome(int fd, unsigned char *p, size_t n) {
     size_t got = 0;
     while (got < n) {
         const ssize_t r = ::read(fd, p + got, n - got);
         if (r < 0 && errno == EINTR) continue;
-        if (r < 0) return got > 0 ? static_cast<ssize_t>(got) : -1;
+        if (r < 0) return -1;
         if (r == 0) break;
         got += static_cast<size_t>(r);
     }
@@ -90,20 +91,12 @@ CopyOutcome copyFd(int out, int in, uint64_t count, const CopyPolicy &policy,
     return result;
 }
 
-}  // namespace yax
-
-namespace yax {
-
 void copyKept(FILE *out, FILE *in, int64_t count) {
     if (out == nullptr || in == nullptr || count <= 0) return;
     CopyPolicy whole;
     whole.whole = true;
     copyFd(fileno(out), fileno(in), static_cast<uint64_t>(count), whole);
 }
-
-}  // namespace yax
-
-namespace yax {
 
 int PayloadSource::writeTo(int out) const {
     constexpr const char *tag = "YAXInternal::_writePayload";
