@@ -100,6 +100,10 @@ public:
         if (target_fd < 0 || fstat(target_fd, &a) != 0 || fstat(source_.fd, &b) != 0 ||
             a.st_dev != b.st_dev || a.st_ino != b.st_ino)
             return true;
+        return hold(m);
+    }
+    // Reads the whole payload into memory, for the saves that do not stream.
+    bool hold(const PayloadMsgs &m) {
         held_.reset(static_cast<unsigned char *>(_qmalloc(source_.length)));
         if (!held_) {
             if (m.alloc_fail) YAXLogE(m.tag, m.alloc_fail);

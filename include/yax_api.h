@@ -98,6 +98,18 @@ YAX_EXPORT int saveFastYAXDataFileToFile(const char *path, const char *name, uin
                                          const char *payload_path, uint32_t data_type,
                                          int option);
 
+/* ---- save into an MP4 file (the trailer in a "yaxd" box): 1 on success, 0 on
+ * failure; 1 without a change for a file whose ending is not classified, and
+ * for a payload file that cannot be opened (both long-standing) ---- */
+YAX_EXPORT int saveYAXDataToFPToMP4(FILE *fp, const char *name, uint32_t name_length,
+                                    const void *sub_info, uint32_t sub_info_length,
+                                    const void *data, uint32_t data_length, uint32_t data_type,
+                                    int option);
+YAX_EXPORT int saveYAXDataFileToFPToMP4(FILE *fp, const char *name, uint32_t name_length,
+                                        const void *sub_info, uint32_t sub_info_length,
+                                        const char *payload_path, uint32_t data_type,
+                                        int option);
+
 /* ---- delete ---- */
 /* replaces *handle with a fresh record (or NULL) on success */
 YAX_EXPORT int deleteYAXDataFromFilebyName(YAXDATA **handle, const char *name, int name_length);

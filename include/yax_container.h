@@ -29,6 +29,16 @@ YAX_EXPORT int getYAXList(YaxInfo *info);
 YAX_EXPORT int getYAXListBuffer(YaxInfo *info);
 YAX_EXPORT int checkSignatureMP4Tag(YaxInfo *info);       /* 1 when "yaxd" precedes block 0 */
 YAX_EXPORT int checkSignatureMP4TagBuffer(YaxInfo *info);
+
+/* ---- the MP4 box "yaxd" around a trailer: 1 on success, 0 on failure ---- */
+YAX_EXPORT int checkMP4Fp(FILE *fp); /* 1 when bytes 4-7 are "ftyp" (stream back at 0) */
+/* at the end of the file: size (big-endian, counting the 8-byte box head), "yaxd" */
+YAX_EXPORT int writeFirstMP4Tag(FILE *fp, uint32_t size);
+/* puts a box around the parsed trailer that just grew by a block of `added`
+ * bytes and a row; the size stored is 8 less than the box (kept as it was) */
+YAX_EXPORT int writeMP4Tag(YaxInfo *info, uint32_t added);
+/* stores file_size - data_start_position as the box size */
+YAX_EXPORT int updateMP4Tag(YaxInfo *info);
 YAX_EXPORT int DestroyYAX(YaxInfo *info);        /* closes the stream */
 YAX_EXPORT int DestroyYAX_FP(YaxInfo *info);     /* leaves the stream open */
 YAX_EXPORT int DestroyYAX_Buffer(YaxInfo *info); /* leaves the buffer stream alone */

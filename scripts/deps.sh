@@ -9,8 +9,9 @@ packages=(
   libcli11-dev nlohmann-json3-dev        # the yax tool
   libbenchmark-dev                       # the benchmarks (-DYAX_BUILD_BENCH=ON)
   libjpeg-turbo-progs                    # djpeg: edited images must still decode
+  ffmpeg                                 # ffprobe: edited MP4 clips must still play
 )
-commands=(cmake make g++ arm-linux-gnueabihf-g++ qemu-arm djpeg)
+commands=(cmake make g++ arm-linux-gnueabihf-g++ qemu-arm djpeg ffprobe)
 
 missing=()
 for p in "${packages[@]}"; do

@@ -319,3 +319,69 @@ TEST_F(ToolTest, PayloadsFromPipesAndFromTheTargetItself) {
 }
 
 }  // namespace
+
+namespace {
+
+// An MP4 file: puts go into one "yaxd" box sized over everything after its
+// head; replaces, deletes of every kind and clear keep it sized (or drop its
+// bare head), the video reads the same after each, and clear gives the
+// original bytes back.
+TEST_F(ToolTest, Mp4EditsKeepOneSizedBoxAndTheVideo) {
+    const Bytes clip = tu::readFile(std::string(YAX_TEST_DATA) + "/sample.mp4");
+    const std::string video = dir.path("clip.mp4");
+    tu::writeFile(video, clip);
+    auto probe = [&] {
+        std::string out;
+        if (FILE *p = popen(("ffprobe -v error -show_entries stream=codec_name,nb_frames:format=duration "
+                             "-of compact '" + video + "' 2>&1").c_str(), "r")) {
+            char buf[256];
+            while (fgets(buf, sizeof buf, p)) out += buf;
+            pclose(p);
+        }
+        return out;
+    };
+    const std::string before = probe();
+    const Entry a{1, "a", "x", ""}, b{1, "b", "payload-b", ""}, a2{1, "a", std::string(40, 'y'), ""};
+    auto box = [&](const std::vector<Entry> &entries) {
+        const Bytes t = tb::trailer(entries);
+        return clip + Builder().u32be(uint32_t(t.size() + 8)).str("yaxd").done() + t;
+    };
+    auto boxLine = [&](const std::vector<Entry> &entries) {
+        return "yaxd\t-\t-\t" + std::to_string(tb::trailer(entries).size() + 8) + "\t-\t" +
+               std::to_string(clip.size()) + "\tmp4-box\n";
+    };
+    const struct {
+        Strings command;
+        std::string input;
+        Bytes want;  // empty: not checked byte for byte
+        std::string list;
+    } steps[] = {
+        {{"put", video, "a", "-"}, a.payload, box({a}), "0\ta\t1\t1\t0\t" + std::to_string(clip.size() + 8 + 9) + "\n" + boxLine({a})},
+        {{"put", video, "b", "-"}, b.payload, box({a, b}), ""},
+        {{"put", video, "a", "-", "--replace"}, a2.payload, box({b, a2}), ""},
+        {{"rm", video, "b"}, "", box({a2}), ""},
+        {{"put", video, "b", "-", "--fast"}, b.payload, box({a2, b}), ""},
+        {{"rm", video, "a", "--fast"}, "", {}, ""},
+        {{"clear", video}, "", clip, ""},
+        {{"put", video, "a", "-"}, a.payload, box({a}), ""},
+        {{"rm", video, "a"}, "", clip, ""},
+    };
+    for (const auto &s : steps) {
+        SCOPED_TRACE(s.command[0] + " step " + std::to_string(&s - steps));
+        ASSERT_EQ(yax(s.command, s.input), ok());
+        if (!s.want.empty()) {
+            EXPECT_EQ(tu::readFile(video), s.want);
+        }
+        if (!s.list.empty()) {
+            EXPECT_EQ(yax({"list", video}), ok(s.list));
+        }
+        const Bytes now = tu::readFile(video);
+        if (now.size() > clip.size()) {  // one box over everything after its head
+            const Bytes head(now.begin() + long(clip.size()), now.begin() + long(clip.size()) + 8);
+            EXPECT_EQ(head, Builder().u32be(uint32_t(now.size() - clip.size())).str("yaxd").done());
+        }
+        EXPECT_EQ(probe(), before);
+    }
+}
+
+}  // namespace

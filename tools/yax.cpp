@@ -263,6 +263,8 @@ struct Contents {
     std::vector<std::string> tonePhoto;  // the names of the TonePhoto list
     std::vector<Sound> legacy;           // sounds of the legacy audio block
     bool legacyUnreadable = false;
+    bool mp4 = false;                    // bytes 4-7 are "ftyp"
+    int64_t boxStart = -1, boxSize = -1; // the "yaxd" box around the trailer, when there is one
 };
 
 bool hasTrailer(int signature) { return signature == SIGNATURE_YAX || signature == SIGNATURE_VONO_YAX; }
@@ -306,6 +308,11 @@ std::optional<std::string> readContents(const std::string &path, Contents &c) {
         struct stat st {};
         if (stat(path.c_str(), &st) == 0) c.firstBlock = st.st_size;
     }
+    if (FILE *fp = std::fopen(path.c_str(), "rb")) {
+        LibraryQuiet quiet;
+        c.mp4 = checkMP4Fp(fp) == 1;
+        std::fclose(fp);
+    }
     if (hasTrailer(c.signature)) {
         LibraryQuiet quiet;
         YAXDATA *yd = checkYAXWithReadPM(path.c_str());
@@ -320,6 +327,12 @@ std::optional<std::string> readContents(const std::string &path, Contents &c) {
             tone.insert(c.tonePhoto.back());
         }
         YaxInfo *info = yd->yax_info;
+        if (c.mp4 && info->fp != nullptr && checkSignatureMP4Tag(info) == 1) {
+            unsigned char size[4];
+            c.boxStart = info->data_start_position;
+            if (pread(fileno(info->fp), size, 4, c.boxStart) == 4)
+                c.boxSize = int64_t{size[0]} << 24 | size[1] << 16 | size[2] << 8 | size[3];
+        }
         if (info->meta_count != 0 && info->meta_data[0] != nullptr)
             c.firstBlock = info->file_size - static_cast<int64_t>(info->header_offset) -
                            static_cast<int64_t>(info->meta_data[0]->offset);
@@ -444,6 +457,9 @@ std::string listText(const Contents &c) {
     for (const Sound &s : c.legacy)
         out += "audio" + std::to_string(s.index) + "\t-\t-\t" + std::to_string(s.length) + "\t-\t" +
                std::to_string(s.offset) + "\tlegacy-audio\n";
+    if (c.boxStart >= 0)
+        out += "yaxd\t-\t-\t" + std::to_string(c.boxSize) + "\t-\t" + std::to_string(c.boxStart) +
+               "\tmp4-box\n";
     return out;
 }
 
@@ -469,7 +485,11 @@ std::string listJson(const std::string &path, const Contents &c) {
     json legacy = json::array();
     for (const Sound &s : c.legacy)
         legacy.push_back({{"index", s.index}, {"offset", s.offset}, {"length", s.length}});
+    json box = nullptr;
+    if (c.boxStart >= 0) box = {{"offset", c.boxStart}, {"size", c.boxSize}};
     json doc = {{"file", path},
+                {"mp4", c.mp4},
+                {"mp4_box", std::move(box)},
                 {"entries", std::move(entries)},
                 {"tonephoto", c.tonePhoto},
                 {"legacy_audio", std::move(legacy)}};
@@ -633,6 +653,28 @@ std::optional<std::string> verifyEdit(const std::string &path, const Contents &b
     return std::nullopt;
 }
 
+// An MP4 file's "yaxd" box covers what follows its head. The deletes that
+// work from the first block leave the head with its old size, and one that
+// removes the last entry leaves the bare head at the end: after an edit the
+// size is set again, or the bare head dropped, so that players read the box.
+void refreshBox(const std::string &path, const Contents &before) {
+    if (!before.mp4) return;
+    LibraryQuiet quiet;
+    FILE *fp = std::fopen(path.c_str(), "r+b");
+    if (fp == nullptr) return;
+    if (YAXDATA *yd = checkYAXInFP(fp)) {
+        if (checkSignatureMP4Tag(yd->yax_info) == 1) updateMP4Tag(yd->yax_info);
+        destroyYAXDATA_FP(yd);
+    } else if (before.boxStart >= 0 && getSignatureFP(fp) == SIGNATURE_NONE) {
+        unsigned char head[8];
+        const off_t end = lseek(fileno(fp), 0, SEEK_END);
+        if (end >= 8 && pread(fileno(fp), head, 8, end - 8) == 8 && std::memcmp(head + 4, "yaxd", 4) == 0 &&
+            ftruncate(fileno(fp), end - 8) == 0)
+            fsync(fileno(fp));
+    }
+    std::fclose(fp);
+}
+
 int unverified(const std::string &path, const std::string &why) {
     return fail(path + ": the edit did not take effect as asked (" + why + ")");
 }
@@ -678,6 +720,21 @@ int cmdPut(const std::string &path, const std::string &name, const std::string &
     else blocks += block;
     if (!hasLegacy(c.signature) && parseWouldRefuse(c, blocks, rows)) return fail(tooSmall(path));
 
+    if (c.mp4 && hasLegacy(c.signature))
+        return fail(path + ": an MP4 file with legacy audio cannot take entries");
+    // An MP4 trailer without a box gets one around it after an add, sized for
+    // a trailer that grew by the new block: a same-name entry goes first.
+    if (c.mp4 && old != nullptr && c.boxStart < 0) {
+        int removed = 0;
+        {
+            LibraryQuiet quiet;
+            YAXDATA *handle = checkYAXInFile(path.c_str());
+            if (handle != nullptr)
+                removed = deleteYAXDataFromFilebyName(&handle, name.c_str(), static_cast<int>(name.size()));
+            destroyYAXDATA(handle);
+        }
+        if (removed != 1) return fail(path + ": replacing " + quoted(name) + " failed");
+    }
     int ok;
     {
         LibraryQuiet quiet;
@@ -685,10 +742,19 @@ int cmdPut(const std::string &path, const std::string &name, const std::string &
         auto nameLength = static_cast<uint32_t>(name.size());
         auto subLength = static_cast<uint32_t>(sub.size());
         int option = replace ? 1 : 0;
-        ok = fast ? saveFastYAXDataFileToFile(path.c_str(), name.c_str(), nameLength, subData,
-                                              subLength, data.path.c_str(), type, option)
-                  : saveYAXFileDataToFile(path.c_str(), name.c_str(), nameLength, subData, subLength,
-                                          data.path.c_str(), type, option);
+        if (c.mp4) {
+            // the MP4 save: a first entry makes the box, later ones keep it sized
+            FILE *fp = std::fopen(path.c_str(), "r+b");
+            ok = fp == nullptr ? 0
+                               : saveYAXDataFileToFPToMP4(fp, name.c_str(), nameLength, subData,
+                                                          subLength, data.path.c_str(), type, option);
+            if (fp != nullptr) std::fclose(fp);
+        } else {
+            ok = fast ? saveFastYAXDataFileToFile(path.c_str(), name.c_str(), nameLength, subData,
+                                                  subLength, data.path.c_str(), type, option)
+                      : saveYAXFileDataToFile(path.c_str(), name.c_str(), nameLength, subData,
+                                              subLength, data.path.c_str(), type, option);
+        }
     }
     if (ok != 1)
         return fail(path + ": saving " + quoted(name) +
@@ -762,6 +828,7 @@ int cmdRemove(const std::string &path, const std::vector<std::string> &names, bo
         LibraryQuiet quiet;
         destroyYAXDATA(handle);
     }
+    refreshBox(path, c);
     if (auto why = verifyEdit(path, c, seen, "", nullptr)) {
         // A rewrite that was refused (no room for the copy, say) changed nothing.
         if (!fast && names.size() > 1) return fail(path + ": removing the entries failed");
@@ -784,6 +851,7 @@ int cmdClear(const std::string &path, bool fast) {
         ok = fast ? deleteFastAllYAXData(path.c_str()) : deleteAllDataFromFile(path.c_str());
     }
     if (ok != 1) return fail(path + ": removing the entries failed");
+    refreshBox(path, c);
     std::set<std::string> all;
     for (const Entry &e : c.entries)
         if (e.kind != "filler") all.insert(e.name);
@@ -811,7 +879,9 @@ int main(int argc, char **argv) {
         "list", "List the entries of FILE, one per line, tab-separated: index, name, data type, "
                 "payload length, sub-information length, absolute payload offset, and a kind for "
                 "special entries (filler, tonephoto-sound, tonephoto-list, damaged). Sounds of a "
-                "legacy audio block follow as audioN lines (kind legacy-audio).");
+                "legacy audio block follow as audioN lines (kind legacy-audio); in an MP4 file whose "
+                "entries sit in a \"yaxd\" box, a last line gives the box's stored size and offset "
+                "(kind mp4-box).");
     list->add_option("FILE", file, "Image or video file")->required();
     list->add_flag("--json", json, "Print one JSON document instead");
 
@@ -823,7 +893,9 @@ int main(int argc, char **argv) {
     get->add_flag("--sub-info", subInfo, "Write the sub-information instead of the payload");
 
     CLI::App *put = app.add_subcommand(
-        "put", "Store DATAFILE (or standard input) as entry NAME of FILE.");
+        "put", "Store DATAFILE (or standard input) as entry NAME of FILE. An MP4 file (\"ftyp\" at "
+               "offset 4) keeps its entries in a \"yaxd\" box at its end, which players skip; "
+               "every put into it is the MP4 save, with or without --fast.");
     put->add_option("FILE", file, "Image or video file, edited in place")->required();
     put->add_option("NAME", name, "Entry name")->required();
     put->add_option("DATAFILE", data, "Payload file, or - for standard input (the default)");
