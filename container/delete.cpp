@@ -22,6 +22,7 @@
 #include "container/validate.hpp"
 #include "support/gather.hpp"
 #include "support/io.hpp"
+#include "support/copy.hpp"
 #include "support/safe_file.hpp"
 #include "yax_container.h"
 #include "yax_support.h"
@@ -200,7 +201,7 @@ int rewrite(const char *path, YaxInfo *info, const char *mode, Body body) {
 // Copies `n` bytes of the edited file from absolute position `from`.
 void copyOut(FileIO out, FILE *in, int64_t from, int64_t n) {
     _qlseek64(in, from, SEEK_SET);
-    _qfilecopy(out.fp, in, n);
+    copyKept(out.fp, in, n);
 }
 
 bool usableForRewrite(const char *path, const YaxInfo *info) {

@@ -35,6 +35,20 @@ YAX_EXPORT char **getNameListByDataType(YAXDATA *yaxdata, uint32_t data_type, ui
 YAX_EXPORT YAXDATA_UNIT *extractYAXDataFromFilebyIndex(YAXDATA *yaxdata, uint32_t index);
 YAX_EXPORT YAXDATA_UNIT *extractYAXDataFromFilebyName(YAXDATA *yaxdata, const char *name,
                                                       uint32_t name_length);
+/* This library's own extension, beside the extraction above: streaming
+ * extraction without a heap copy. Writes the payload (part
+ * YAX_STREAM_PAYLOAD) or the sub-information (part YAX_STREAM_SUB_INFO) of
+ * entry `index` (or of the first entry named `name`) of a record opened
+ * from a file to `out`, at its descriptor's position (stdio's buffer of
+ * `out` is flushed first), through one 256 KiB buffer. Returns the number of bytes written,
+ * or -1 after a logged failure: no such entry or part, a part that lies
+ * outside the file, or a read or write that failed (part of the bytes may
+ * then have been written). */
+#define YAX_STREAM_PAYLOAD 0
+#define YAX_STREAM_SUB_INFO 1
+YAX_EXPORT int64_t yaxStreamYAXData(YAXDATA *yaxdata, uint32_t index, int part, FILE *out);
+YAX_EXPORT int64_t yaxStreamYAXDataByName(YAXDATA *yaxdata, const char *name, int part,
+                                          FILE *out);
 YAX_EXPORT char *getYAXVersion(void); /* "105"; caller frees with _qfree */
 YAX_EXPORT void printYAXVersion(void);
 

@@ -52,6 +52,9 @@ int main(void) {
         remove(path);
         CHECK(yaxCheckFile("no-such-file.jpg", NULL, NULL) == -1);
     }
+    CHECK(YAX_STREAM_PAYLOAD == 0 && YAX_STREAM_SUB_INFO == 1);
+    CHECK(yaxStreamYAXData(NULL, 0, YAX_STREAM_PAYLOAD, stdout) == -1);
+    CHECK(yaxStreamYAXDataByName(NULL, "a", YAX_STREAM_SUB_INFO, stdout) == -1);
     printf("%d passed, %d failed\n", failures == 0 ? 1 : 0, failures == 0 ? 0 : 1);
     return failures == 0 ? 0 : 1;
 }

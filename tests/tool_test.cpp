@@ -6,6 +6,8 @@
 #include <sys/xattr.h>
 #include <termios.h>
 
+#include <filesystem>
+#include <set>
 #include <sstream>
 #include <tuple>
 
@@ -320,6 +322,29 @@ TEST_F(ToolTest, EditsKeepModeOwnerAttributesAndLinks) {
         EXPECT_EQ(0, std::system(("test -z \"$(ls -A '" + dir.dir() + "' | grep -v '^\\.\\(in\\|out\\|err\\)$' | grep '^\\.')\"").c_str()));
     }
     EXPECT_EQ(tu::readFile(image), jpeg);
+}
+
+// Payloads are streamed, not held: from a pipe (copied to a file without a
+// name first), from the target itself, at a copy chunk and a byte, and out
+// again to standard output and to a file. Nothing is left beside the file.
+TEST_F(ToolTest, PayloadsFromPipesAndFromTheTargetItself) {
+    Bytes big(size_t{1} << 18 | 1);
+    for (size_t i = 0; i < big.size(); ++i) big[i] = uint8_t(i * 13 + (i >> 8));
+    const std::string src = dir.path(".big");
+    tu::writeFile(src, big);
+    const std::string pipe = "cat '" + src + "' | " + tool() + "put '" + image + "' big - >/dev/null 2>&1";
+    ASSERT_EQ(0, std::system(pipe.c_str()));
+    const Bytes before = tu::readFile(image);
+    EXPECT_EQ(before, jpeg + tb::trailer({Entry{1, "big", text(big), ""}}));
+    EXPECT_EQ(yax({"put", image, "self", image}), ok());
+    EXPECT_EQ(yax({"put", image, "self2", "-"}, text(before)), ok());
+    EXPECT_EQ(yax({"get", image, "big"}), ok(text(big)));
+    EXPECT_EQ(yax({"get", image, "self", "-o", dir.path("self.out")}), ok());
+    EXPECT_EQ(tu::readFile(dir.path("self.out")), before);
+    EXPECT_EQ(yax({"get", image, "self2"}), ok(text(before)));
+    std::set<std::string> names;
+    for (const auto &e : std::filesystem::directory_iterator(dir.dir())) names.insert(e.path().filename());
+    EXPECT_EQ(names, (std::set<std::string>{".big", ".err", ".in", ".out", "photo.jpg", "self.out"}));
 }
 
 }  // namespace

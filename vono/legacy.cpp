@@ -10,6 +10,7 @@
 
 #include "container/layout.hpp"
 #include "container/validate.hpp"
+#include "support/copy.hpp"
 #include "support/misrouted_write.hpp"
 #include "support/safe_file.hpp"
 #include "yax_api.h"
@@ -246,7 +247,7 @@ YAX_EXPORT int deleteVono_NotExistYAX(const char *path, VonoInfo *info) {
         YAXLogE(yax::kDeletePlainTag, "File Search Error");
         return temp.untouchedResult();
     }
-    _qfilecopy(temp.fp(), info->fp, yax::firstSoundStart(info));
+    yax::copyKept(temp.fp(), info->fp, yax::firstSoundStart(info));
     if (!temp.finish()) return 0;
     yax::closeStream(info);
     return temp.replace(path, yax::kReplaceTag) ? 1 : 0;
@@ -285,7 +286,7 @@ YAX_EXPORT int deleteVono_ExistYAX(const char *path, VonoInfo *info) {
     const int64_t image_end = info->count > 0 && info->offsets != nullptr
                                   ? static_cast<int64_t>(info->offsets[0])
                                   : first_block;
-    _qfilecopy(temp.fp(), info->fp, image_end);
+    yax::copyKept(temp.fp(), info->fp, image_end);
 
     if (first_block < 0 || _qlseek64(info->fp, first_block, SEEK_SET) < 0) {
         YAXLogE(yax::kDeleteYaxTag, "File Search Error 2");
@@ -293,7 +294,7 @@ YAX_EXPORT int deleteVono_ExistYAX(const char *path, VonoInfo *info) {
     }
     // The blocks follow the image back to back, so the rows stay as they are.
     for (uint32_t i = 0; i < yi->meta_count; ++i)
-        _qfilecopy(temp.fp(), info->fp, yi->meta_data[i]->length);
+        yax::copyKept(temp.fp(), info->fp, yi->meta_data[i]->length);
     yax::writeTrailerHeader(temp.fp(), yi);
     yax::writeOneSoundBlock(temp.fp(), 0, 0, 0);
     if (!temp.finish()) return 0;
@@ -343,14 +344,14 @@ YAX_EXPORT int addVonoSound(const char *path, VonoInfo *info, const void *data, 
         YAXLogE(yax::kAddTag, "File Search Error");
         return 0;
     }
-    _qfilecopy(temp.fp(), source->fp, image_end);
+    yax::copyKept(temp.fp(), source->fp, image_end);
     _qfwrite(data, length, temp.fp());
     if (_qlseek64(source->fp, image_end, SEEK_SET) < 0) {
         YAXLogE(yax::kAddTag, "File Search Error");
         return 0;
     }
     for (uint32_t i = 0; i < yi->meta_count; ++i)
-        _qfilecopy(temp.fp(), source->fp, yi->meta_data[i]->length);
+        yax::copyKept(temp.fp(), source->fp, yi->meta_data[i]->length);
     yax::writeTrailerHeader(temp.fp(), yi);
     const auto start = static_cast<uint32_t>(image_end);
     yax::writeOneSoundBlock(temp.fp(), 1, start, start + length);
