@@ -1,10 +1,15 @@
 // The public read side: open a file into a YAXDATA record, locate an entry's
 // payload or sub-information by name or index, extract copies, list names of
 // one data type, and the version functions.
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstring>
 
 #include "support/io.hpp"
+#include "support/copy.hpp"
+
 #include "yax_api.h"
 #include "yax_container.h"
 #include "yax_support.h"
@@ -323,6 +328,45 @@ YAX_EXPORT YAXDATA_UNIT *extractYAXDataFromFilebyName(YAXDATA *yaxdata, const ch
                                                       uint32_t name_length) {
     if (name == nullptr || name_length == 0) return nullptr;
     return extractYAXDataFromFilebyIndex(yaxdata, _getIndexOfName(yaxdata, name));
+}
+
+YAX_EXPORT int64_t yaxStreamYAXData(YAXDATA *yaxdata, uint32_t index, int part, FILE *out) {
+    constexpr const char *tag = "YAXAPIs::yaxStreamYAXData";
+    if (yaxdata == nullptr || out == nullptr || yaxdata->yax_info == nullptr ||
+        yaxdata->yax_info->fp == nullptr) {
+        YAXLogE(tag, "no file record or no output");
+        return -1;
+    }
+    if (part != YAX_STREAM_PAYLOAD && part != YAX_STREAM_SUB_INFO) {
+        YAXLogE(tag, "unknown part %d", part);
+        return -1;
+    }
+    int64_t pos = 0, len = 0;
+    const auto target = part == YAX_STREAM_PAYLOAD ? yax::Target::Payload : yax::Target::SubInfo;
+    if (!yax::locate(yaxdata, index, target, &pos, &len)) {
+        YAXLogE(tag, "entry %u has no such part", index);
+        return -1;
+    }
+    FILE *in = yaxdata->yax_info->fp;
+    struct stat st {};
+    if (fstat(fileno(in), &st) != 0 || len > static_cast<int64_t>(st.st_size) - pos) {
+        YAXLogE(tag, "entry %u lies outside the file", index);
+        return -1;
+    }
+    std::fflush(out);
+    if (_qlseek64(in, pos, SEEK_SET) != pos) return -1;
+    const yax::CopyOutcome r = yax::copyFd(fileno(out), fileno(in), static_cast<uint64_t>(len));
+    if (r.stop != yax::CopyStop::kDone) {
+        YAXLogE(tag, "copied %lld of %lld bytes", static_cast<long long>(r.copied),
+                static_cast<long long>(len));
+        return -1;
+    }
+    return len;
+}
+
+YAX_EXPORT int64_t yaxStreamYAXDataByName(YAXDATA *yaxdata, const char *name, int part,
+                                          FILE *out) {
+    return yaxStreamYAXData(yaxdata, yax::indexOf(yaxdata, name), part, out);
 }
 
 YAX_EXPORT char *getYAXVersion(void) {

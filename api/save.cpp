@@ -16,6 +16,7 @@
 
 #include "api/edit_group.hpp"
 #include "api/save_common.hpp"
+#include "container/add.hpp"
 #include "container/layout.hpp"
 #include "yax_api.h"
 #include "yax_container.h"
@@ -41,6 +42,12 @@ struct EntryArgs {
     const void *data;
     uint32_t data_length;
     uint32_t data_type;
+    const PayloadSource *source = nullptr;  // the payload streams from this file instead
+
+    NewEntry entry() const {
+        return NewEntry(data_type, name, name_length, sub_info, sub_info_length, data,
+                        data_length, source);
+    }
 };
 
 // What the ladder compares and checks. The room checks take the caller's
@@ -145,13 +152,9 @@ struct PathTarget {
                                          static_cast<uint32_t>(kToneFirstName.size()), sound,
                                          sound_length, list, list_length);
     }
-    int addFirst(const EntryArgs &e) const {
-        return AddYAXDataInFirstTime(path, e.name, e.name_length, e.data_type, e.sub_info,
-                                     e.sub_info_length, e.data, e.data_length);
-    }
+    int addFirst(const EntryArgs &e) const { return addFirstByPath(path, e.entry()); }
     int add(YaxInfo *info, const EntryArgs &e, VonoInfo *v) const {
-        return AddYAXData(path, info, e.name, e.name_length, e.data_type, e.sub_info,
-                          e.sub_info_length, e.data, e.data_length, v);
+        return addByPath(path, info, e.entry(), v);
     }
 };
 
@@ -203,13 +206,9 @@ struct StreamTarget {
                                            static_cast<uint32_t>(kToneFirstName.size()), sound,
                                            sound_length, list, list_length);
     }
-    int addFirst(const EntryArgs &e) const {
-        return AddYAXDataInFirstTimeFP(fp, e.name, e.name_length, e.data_type, e.sub_info,
-                                       e.sub_info_length, e.data, e.data_length);
-    }
+    int addFirst(const EntryArgs &e) const { return addFirstToStream(fp, e.entry()); }
     int add(YaxInfo *info, const EntryArgs &e, VonoInfo *v) const {
-        return AddYAXDataFP(fp, info, e.name, e.name_length, e.data_type, e.sub_info,
-                            e.sub_info_length, e.data, e.data_length, v);
+        return addToStream(fp, info, e.entry(), v);
     }
 };
 
@@ -556,11 +555,11 @@ YAX_EXPORT int saveYAXFileDataToFile(const char *path, const char *name, uint32_
     if (path == nullptr || payload_path == nullptr || name == nullptr || name_length == 0)
         return 0;
     if (data_type == YAX_USER_DEFINED_DATA && !hasSubInfo(sub_info, sub_info_length)) return 0;
-    api::Payload payload;
+    api::PayloadFile payload;
     constexpr api::PayloadMsgs msgs{kPathTag, nullptr, kPathTag, nullptr, nullptr, nullptr};
-    if (!api::loadPayload(payload_path, msgs, payload)) return 0;
-    EntryArgs e{name,           name_length,    sub_info, sub_info_length,
-                payload.data.get(), payload.length, data_type};
+    if (!payload.open(payload_path, msgs) || !payload.holdIfTarget(path, msgs)) return 0;
+    EntryArgs e{name,           name_length,      sub_info,  sub_info_length,
+                payload.data(), payload.length(), data_type, payload.source()};
     return saveEntryByPath(path, e, option, kSilent);
 }
 
@@ -581,16 +580,16 @@ YAX_EXPORT int saveYAXFileDataToFP(FILE *fp, const char *name, uint32_t name_len
         YAXLogE(tag, "data_type fail\n");
         return 0;
     }
-    api::Payload payload;
+    api::PayloadFile payload;
     constexpr api::PayloadMsgs msgs{tag, "fopen fail", tag, "File Search Error %d\n",
                                     "File Search Error\n", "data null\n"};
     if (payload_path == nullptr) {
         YAXLogE(tag, msgs.open_fail);
         return 0;
     }
-    if (!api::loadPayload(payload_path, msgs, payload)) return 0;
-    EntryArgs e{name,           name_length,    sub_info, sub_info_length,
-                payload.data.get(), payload.length, data_type};
+    if (!payload.open(payload_path, msgs) || !payload.holdIfTarget(fileno(fp), msgs)) return 0;
+    EntryArgs e{name,           name_length,      sub_info,  sub_info_length,
+                payload.data(), payload.length(), data_type, payload.source()};
     return saveEntryByStream(fp, e, option, kSilent);
 }
 

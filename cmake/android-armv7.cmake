@@ -16,6 +16,9 @@ endif()
 if(NOT ANDROID_NDK OR NOT EXISTS "${ANDROID_NDK}/build/cmake/android.toolchain.cmake")
   message(FATAL_ERROR "Set ANDROID_NDK to the Android NDK's root directory")
 endif()
+# CMake reads this file again for each try-compile project, where only the
+# variables listed here are passed on: the NDK's path must be among them.
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES ANDROID_NDK)
 
 set(ANDROID_ABI armeabi-v7a CACHE STRING "Android ABI")
 set(ANDROID_ARM_NEON ON CACHE BOOL "Use NEON")

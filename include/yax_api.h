@@ -36,6 +36,20 @@ YAX_EXPORT char **getNameListByDataType(YAXDATA *yaxdata, uint32_t data_type, ui
 YAX_EXPORT YAXDATA_UNIT *extractYAXDataFromFilebyIndex(YAXDATA *yaxdata, uint32_t index);
 YAX_EXPORT YAXDATA_UNIT *extractYAXDataFromFilebyName(YAXDATA *yaxdata, const char *name,
                                                       uint32_t name_length);
+/* This library's own extension, beside the extraction above: streaming
+ * extraction without a heap copy. Writes the payload (part
+ * YAX_STREAM_PAYLOAD) or the sub-information (part YAX_STREAM_SUB_INFO) of
+ * entry `index` (or of the first entry named `name`) of a record opened
+ * from a file to `out`, at its descriptor's position (stdio's buffer of
+ * `out` is flushed first), through one 256 KiB buffer. Returns the number of bytes written,
+ * or -1 after a logged failure: no such entry or part, a part that lies
+ * outside the file, or a read or write that failed (part of the bytes may
+ * then have been written). */
+#define YAX_STREAM_PAYLOAD 0
+#define YAX_STREAM_SUB_INFO 1
+YAX_EXPORT int64_t yaxStreamYAXData(YAXDATA *yaxdata, uint32_t index, int part, FILE *out);
+YAX_EXPORT int64_t yaxStreamYAXDataByName(YAXDATA *yaxdata, const char *name, int part,
+                                          FILE *out);
 YAX_EXPORT char *getYAXVersion(void); /* "105"; caller frees with _qfree */
 YAX_EXPORT void printYAXVersion(void);
 
@@ -84,6 +98,18 @@ YAX_EXPORT int saveFastYAXDataFileToFile(const char *path, const char *name, uin
                                          const void *sub_info, uint32_t sub_info_length,
                                          const char *payload_path, uint32_t data_type,
                                          int option);
+
+/* ---- save into an MP4 file (the trailer in a "yaxd" box): 1 on success, 0 on
+ * failure; 1 without a change for a file whose ending is not classified, and
+ * for a payload file that cannot be opened (both long-standing) ---- */
+YAX_EXPORT int saveYAXDataToFPToMP4(FILE *fp, const char *name, uint32_t name_length,
+                                    const void *sub_info, uint32_t sub_info_length,
+                                    const void *data, uint32_t data_length, uint32_t data_type,
+                                    int option);
+YAX_EXPORT int saveYAXDataFileToFPToMP4(FILE *fp, const char *name, uint32_t name_length,
+                                        const void *sub_info, uint32_t sub_info_length,
+                                        const char *payload_path, uint32_t data_type,
+                                        int option);
 
 /* ---- a whole file held in a buffer stream ---- */
 /* the query record of a buffer (no path); destroyYAXDATA_Buffer leaves the buffer alone */

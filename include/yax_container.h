@@ -29,6 +29,16 @@ YAX_EXPORT int getYAXList(YaxInfo *info);
 YAX_EXPORT int getYAXListBuffer(YaxInfo *info);
 YAX_EXPORT int checkSignatureMP4Tag(YaxInfo *info);       /* 1 when "yaxd" precedes block 0 */
 YAX_EXPORT int checkSignatureMP4TagBuffer(YaxInfo *info);
+
+/* ---- the MP4 box "yaxd" around a trailer: 1 on success, 0 on failure ---- */
+YAX_EXPORT int checkMP4Fp(FILE *fp); /* 1 when bytes 4-7 are "ftyp" (stream back at 0) */
+/* at the end of the file: size (big-endian, counting the 8-byte box head), "yaxd" */
+YAX_EXPORT int writeFirstMP4Tag(FILE *fp, uint32_t size);
+/* puts a box around the parsed trailer that just grew by a block of `added`
+ * bytes and a row; the size stored is 8 less than the box (kept as it was) */
+YAX_EXPORT int writeMP4Tag(YaxInfo *info, uint32_t added);
+/* stores file_size - data_start_position as the box size */
+YAX_EXPORT int updateMP4Tag(YaxInfo *info);
 YAX_EXPORT int DestroyYAX(YaxInfo *info);        /* closes the stream */
 YAX_EXPORT int DestroyYAX_FP(YaxInfo *info);     /* leaves the stream open */
 YAX_EXPORT int DestroyYAX_Buffer(YaxInfo *info); /* leaves the buffer stream alone */
@@ -145,6 +155,19 @@ YAX_EXPORT int DeleteMultiYAXData(const char *path, YaxInfo *info, uint32_t *ind
 YAX_EXPORT int FastDeleteAllData(YaxInfo *info);
 YAX_EXPORT int FastDeleteAllYAXData(YaxInfo *info);
 YAX_EXPORT int FastDeleteAYAXData(YaxInfo *info, uint32_t index, VonoInfo *vono, int no_pad);
+
+/* ---- this library's own extension: a consistency report ----
+ * Lists every inconsistency found at the end of the file at `path` without
+ * changing it: a tail or header that does not fit, table rows that point
+ * outside the file, blocks that overlap each other, the header or the image
+ * or leave gaps, unreadable and duplicate names, a filler that is not row 0,
+ * stale bytes between the last row and the tail, a legacy audio block or an
+ * MP4 box whose sizes disagree with the file. Each problem is handed to
+ * `report` (may be NULL) as a short kind ("gap", "stale", ...) and one line
+ * of text. Returns the number of problems, or -1 when the file cannot be
+ * opened. The edits make the checks they rely on themselves. */
+typedef void (*YaxCheckReport)(void *context, const char *kind, const char *message);
+YAX_EXPORT int yaxCheckFile(const char *path, YaxCheckReport report, void *context);
 
 #ifdef __cplusplus
 }

@@ -5,12 +5,15 @@ set -euo pipefail
 
 packages=(
   cmake make g++ libgtest-dev            # native build and the test suites
+  pkg-config                             # the installed library's consumer test
   g++-arm-linux-gnueabihf qemu-user      # 32-bit ARM cross build run under qemu-arm
   libcli11-dev nlohmann-json3-dev        # the yax tool
   libbenchmark-dev                       # the benchmarks (-DYAX_BUILD_BENCH=ON)
   libjpeg-turbo-progs                    # djpeg: edited images must still decode
+  ffmpeg                                 # ffprobe: edited MP4 clips must still play
+  clang libclang-rt-14-dev               # the libFuzzer targets (scripts/fuzz.sh)
 )
-commands=(cmake make g++ arm-linux-gnueabihf-g++ qemu-arm djpeg)
+commands=(cmake make g++ pkg-config arm-linux-gnueabihf-g++ qemu-arm djpeg ffprobe clang)
 
 missing=()
 for p in "${packages[@]}"; do

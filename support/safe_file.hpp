@@ -85,9 +85,15 @@ private:
 // Scopes nest: one made while another is open on this thread (the delete and
 // the add of a replace, inside the save's own scope) saves nothing and only
 // reports failed writes; the outermost one puts everything back.
+//
+// An edit that streams its payload from another file hands `abandoned`, the
+// flag the stream sets when that file cannot be read whole (it shrank, grew
+// or failed): then the old bytes are saved in memory in the default mode too
+// (no undo file, no fsync), and the scope puts them back when the flag is
+// set at commit or destruction. Write failures keep each mode's own rule.
 class UndoScope {
 public:
-    UndoScope(FILE *fp, int64_t from);
+    UndoScope(FILE *fp, int64_t from, const bool *abandoned = nullptr);
     // By name: the bytes go back into whatever file has the name by then (a
     // rewriting edit inside the scope may have renamed a new one into place).
     UndoScope(const char *path, int64_t from);
@@ -104,11 +110,14 @@ public:
 private:
     void save(int fd, const std::string &real);
     void restore();
+    void release();
+    bool abandoned() const { return abandoned_ != nullptr && *abandoned_; }
     int openForWrite() const;
     void closeAfterWrite(int fd) const;
     FILE *fp_ = nullptr;
     std::string path_;  // set when the scope works by name
     bool safe_;
+    const bool *abandoned_ = nullptr;
     bool nested_ = false;
     bool ready_ = true;
     bool open_ = false;
@@ -172,7 +181,10 @@ private:
     bool armed_ = false;
 };
 
-inline UndoScope undoScope(const FileIO &io, int64_t from) { return UndoScope(io.fp, from); }
-inline BufUndo undoScope(const BufIO &io, int64_t from) { return BufUndo(io.h, from); }
+inline UndoScope undoScope(const FileIO &io, int64_t from, const bool *abandoned = nullptr) {
+    return UndoScope(io.fp, from, abandoned);
+}
+// a buffer's payload never comes from a file, so nothing abandons its edit part way
+inline BufUndo undoScope(const BufIO &io, int64_t from, const bool * = nullptr) { return BufUndo(io.h, from); }
 
 }  // namespace yax

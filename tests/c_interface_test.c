@@ -18,6 +18,12 @@ static int failures = 0;
         }                                                            \
     } while (0)
 
+static void count_problem(void *context, const char *kind, const char *message) {
+    (void)kind;
+    (void)message;
+    ++*(int *)context;
+}
+
 int main(void) {
     YAXBUFFER *b = initYAXBuffer(16);
     CHECK(b != NULL);
@@ -48,6 +54,22 @@ int main(void) {
     CHECK(yaxGetSafeEdit() == 1);
     yaxSetSafeEdit(0);
     CHECK(yaxRecoverEdit("no-such-file.jpg") == 0);
+    {
+        /* a tail whose header lies before the file: one problem reported */
+        static const unsigned char bad[] = {0xFF, 0xD8, 0, 0, 0, 0, 0, 0, 0x40, 0, 0, 0, 'Y', 'A', 'X', 'T'};
+        const char *path = "c_interface_check.jpg";
+        int seen = 0;
+        FILE *f = fopen(path, "wb");
+        CHECK(f != NULL && fwrite(bad, 1, sizeof bad, f) == sizeof bad);
+        if (f != NULL) fclose(f);
+        YaxCheckReport report = count_problem;
+        CHECK(yaxCheckFile(path, report, &seen) == 1 && seen == 1);
+        remove(path);
+        CHECK(yaxCheckFile("no-such-file.jpg", NULL, NULL) == -1);
+    }
+    CHECK(YAX_STREAM_PAYLOAD == 0 && YAX_STREAM_SUB_INFO == 1);
+    CHECK(yaxStreamYAXData(NULL, 0, YAX_STREAM_PAYLOAD, stdout) == -1);
+    CHECK(yaxStreamYAXDataByName(NULL, "a", YAX_STREAM_SUB_INFO, stdout) == -1);
     printf("%d passed, %d failed\n", failures == 0 ? 1 : 0, failures == 0 ? 0 : 1);
     return failures == 0 ? 0 : 1;
 }

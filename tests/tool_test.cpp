@@ -1,9 +1,13 @@
 // The yax tool end to end, run as a separate program the way a user runs it:
 // exit codes, standard output and error, and the edited files byte for byte.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
+#include <termios.h>
 
+#include <filesystem>
+#include <set>
 #include <sstream>
 #include <tuple>
 
@@ -182,6 +186,33 @@ TEST_F(ToolTest, HelpUsageErrorsAndRefusals) {
     EXPECT_EQ(yax({"--verbose", "list", image}), Outcome(1, "", log + "yax: " + why + "\n"));
 }
 
+// put without a payload argument refuses a terminal on standard input
+// instead of waiting for it; "-" still reads what is typed there, up to the
+// first end-of-input. A line and end-of-input are typed ahead each time.
+TEST_F(ToolTest, PutWithoutPayloadRefusesATerminal) {
+    int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_TRUE(master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0);
+    std::string terminal = ptsname(master);
+    int slave = open(terminal.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);  // keeps the terminal alive between runs
+    ASSERT_GE(slave, 0);
+    auto typed = [&](const Strings &args) {
+        tcflush(slave, TCIFLUSH);
+        EXPECT_EQ(write(master, "typed\n\x04", 7), 7);
+        std::string cmd = tool(), out = dir.path(".out"), err = dir.path(".err");
+        for (const std::string &a : args) cmd += "'" + a + "' ";
+        int status = std::system((cmd + "<'" + terminal + "' >'" + out + "' 2>'" + err + "'").c_str());
+        return Outcome(WIFEXITED(status) ? WEXITSTATUS(status) : -1, text(tu::readFile(out)),
+                       text(tu::readFile(err)));
+    };
+    for (const Strings &args : Commands{{"put", image, "a"}, {"put", image, "a", "--replace", "--fast"}})
+        EXPECT_EQ(typed(args), failed("no payload given and standard input is a terminal; give a file, or - to type it"));
+    EXPECT_EQ(tu::readFile(image), jpeg);
+    EXPECT_EQ(typed({"put", image, "a", "-"}), ok());
+    EXPECT_EQ(yax({"get", image, "a"}), ok("typed\n"));
+    close(slave);
+    close(master);
+}
+
 // Legacy audio is listed; fast edits refuse it, a normal save turns it into
 // TonePhoto entries, listed with their kinds, and keeps the legacy block
 // behind the trailer pointing at the sound entry's payload.
@@ -291,6 +322,134 @@ TEST_F(ToolTest, EditsKeepModeOwnerAttributesAndLinks) {
         EXPECT_EQ(0, std::system(("test -z \"$(ls -A '" + dir.dir() + "' | grep -v '^\\.\\(in\\|out\\|err\\)$' | grep '^\\.')\"").c_str()));
     }
     EXPECT_EQ(tu::readFile(image), jpeg);
+}
+
+// Payloads are streamed, not held: from a pipe (copied to a file without a
+// name first), from the target itself, at a copy chunk and a byte, and out
+// again to standard output and to a file. Nothing is left beside the file.
+TEST_F(ToolTest, PayloadsFromPipesAndFromTheTargetItself) {
+    Bytes big(size_t{1} << 18 | 1);
+    for (size_t i = 0; i < big.size(); ++i) big[i] = uint8_t(i * 13 + (i >> 8));
+    const std::string src = dir.path(".big");
+    tu::writeFile(src, big);
+    const std::string pipe = "cat '" + src + "' | " + tool() + "put '" + image + "' big - >/dev/null 2>&1";
+    ASSERT_EQ(0, std::system(pipe.c_str()));
+    const Bytes before = tu::readFile(image);
+    EXPECT_EQ(before, jpeg + tb::trailer({Entry{1, "big", text(big), ""}}));
+    EXPECT_EQ(yax({"put", image, "self", image}), ok());
+    EXPECT_EQ(yax({"put", image, "self2", "-"}, text(before)), ok());
+    EXPECT_EQ(yax({"get", image, "big"}), ok(text(big)));
+    EXPECT_EQ(yax({"get", image, "self", "-o", dir.path("self.out")}), ok());
+    EXPECT_EQ(tu::readFile(dir.path("self.out")), before);
+    EXPECT_EQ(yax({"get", image, "self2"}), ok(text(before)));
+    std::set<std::string> names;
+    for (const auto &e : std::filesystem::directory_iterator(dir.dir())) names.insert(e.path().filename());
+    EXPECT_EQ(names, (std::set<std::string>{".big", ".err", ".in", ".out", "photo.jpg", "self.out"}));
+}
+
+}  // namespace
+
+namespace {
+
+// An MP4 file: puts go into one "yaxd" box sized over everything after its
+// head; replaces, deletes of every kind and clear keep it sized (or drop its
+// bare head), the video reads the same after each, and clear gives the
+// original bytes back.
+TEST_F(ToolTest, Mp4EditsKeepOneSizedBoxAndTheVideo) {
+    const Bytes clip = tu::readFile(std::string(YAX_TEST_DATA) + "/sample.mp4");
+    const std::string video = dir.path("clip.mp4");
+    tu::writeFile(video, clip);
+    auto probe = [&] {
+        std::string out;
+        if (FILE *p = popen(("ffprobe -v error -show_entries stream=codec_name,nb_frames:format=duration "
+                             "-of compact '" + video + "' 2>&1").c_str(), "r")) {
+            char buf[256];
+            while (fgets(buf, sizeof buf, p)) out += buf;
+            pclose(p);
+        }
+        return out;
+    };
+    const std::string before = probe();
+    const Entry a{1, "a", "x", ""}, b{1, "b", "payload-b", ""}, a2{1, "a", std::string(40, 'y'), ""};
+    auto box = [&](const std::vector<Entry> &entries) {
+        const Bytes t = tb::trailer(entries);
+        return clip + Builder().u32be(uint32_t(t.size() + 8)).str("yaxd").done() + t;
+    };
+    auto boxLine = [&](const std::vector<Entry> &entries) {
+        return "yaxd\t-\t-\t" + std::to_string(tb::trailer(entries).size() + 8) + "\t-\t" +
+               std::to_string(clip.size()) + "\tmp4-box\n";
+    };
+    const struct {
+        Strings command;
+        std::string input;
+        Bytes want;  // empty: not checked byte for byte
+        std::string list;
+    } steps[] = {
+        {{"put", video, "a", "-"}, a.payload, box({a}), "0\ta\t1\t1\t0\t" + std::to_string(clip.size() + 8 + 9) + "\n" + boxLine({a})},
+        {{"put", video, "b", "-"}, b.payload, box({a, b}), ""},
+        {{"put", video, "a", "-", "--replace"}, a2.payload, box({b, a2}), ""},
+        {{"rm", video, "b"}, "", box({a2}), ""},
+        {{"put", video, "b", "-", "--fast"}, b.payload, box({a2, b}), ""},
+        {{"rm", video, "a", "--fast"}, "", {}, ""},
+        {{"clear", video}, "", clip, ""},
+        {{"put", video, "a", "-"}, a.payload, box({a}), ""},
+        {{"rm", video, "a"}, "", clip, ""},
+    };
+    for (const auto &s : steps) {
+        SCOPED_TRACE(s.command[0] + " step " + std::to_string(&s - steps));
+        ASSERT_EQ(yax(s.command, s.input), ok());
+        if (!s.want.empty()) {
+            EXPECT_EQ(tu::readFile(video), s.want);
+        }
+        if (!s.list.empty()) {
+            EXPECT_EQ(yax({"list", video}), ok(s.list));
+        }
+        const Bytes now = tu::readFile(video);
+        if (now.size() > clip.size()) {  // one box over everything after its head
+            const Bytes head(now.begin() + long(clip.size()), now.begin() + long(clip.size()) + 8);
+            EXPECT_EQ(head, Builder().u32be(uint32_t(now.size() - clip.size())).str("yaxd").done());
+        }
+        EXPECT_EQ(probe(), before);
+    }
+}
+
+// check: clean files exit 0 and print nothing; damaged ones print one line
+// per problem and exit 1; fast edits of a damaged file, and the fast replace
+// whose exact fit would leave stale bytes, take the rewriting way and say so,
+// and never leave a file that check reports.
+TEST_F(ToolTest, CheckAndFastEditsThatStayClean) {
+    const Entry a{1, "a", std::string(25, 'a'), ""}, b{1, "b", std::string(30, 'b'), ""},
+        c{1, "c", std::string(30, 'c'), ""}, f{0x7FFE, "Invalid_Data", std::string(14, '\0'), ""};
+    tu::writeFile(image, jpeg + tb::trailer({a, b, c}));
+    EXPECT_EQ(yax({"check", image}), ok());
+    nlohmann::json doc = nlohmann::json::parse(std::get<1>(yax({"check", image, "--json"})));
+    EXPECT_TRUE(doc["clean"] == true && doc["problems"].empty()) << doc;
+
+    // a filler that is not row 0
+    tu::writeFile(image, jpeg + tb::trailer({a, f, c}));
+    EXPECT_EQ(yax({"check", image}),
+              Outcome(1, image + ": filler: row 1 is a filler entry but not row 0\n", ""));
+    // ... a fast rm of row 0 takes the rewriting way
+    EXPECT_EQ(yax({"rm", image, "a", "--fast"}),
+              Outcome(0, "", "yax: " + image + ": filler: row 1 is a filler entry but not row 0; "
+                             "editing without --fast instead\n"));
+    EXPECT_EQ(tu::readFile(image), jpeg + tb::trailer({f, c}));
+    EXPECT_EQ(std::get<0>(yax({"check", image})), 0);
+
+    // The documented exact-fit fast replace next to a filler: refused as fast.
+    tu::writeFile(image, jpeg + tb::trailer({a, b, c}));
+    EXPECT_EQ(yax({"rm", image, "a", "--fast"}), ok());
+    const std::string fit = dir.path("fit");
+    tu::writeFile(fit, tb::bytes(std::string(64, 'B')));  // 73 bytes: the merged filler
+    EXPECT_EQ(yax({"put", image, "b", fit, "--replace", "--fast"}),
+              Outcome(0, "", "yax: " + image + ": a fast replace of exactly this size would leave "
+                             "stale bytes before the tail; editing without --fast instead\n"));
+    EXPECT_EQ(yax({"check", image}), ok());
+    for (const char *n : {"c", "b"}) {
+        EXPECT_EQ(yax({"rm", image, n, "--fast"}), ok());
+        EXPECT_EQ(yax({"check", image}), ok());
+    }
+    EXPECT_EQ(std::get<0>(yax({"check", dir.path("missing.jpg")})), 1);
 }
 
 }  // namespace
