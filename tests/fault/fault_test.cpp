@@ -360,6 +360,12 @@ TEST(PayloadStream, ChangedOrFailingPayloadLeavesTheTargetAlone) {
              fclose(fp);
              return r;
          }},
+        {"mp4", [](const char *f, const char *p, int o) {
+             FILE *fp = fopen(f, "r+b");
+             const int r = saveYAXDataFileToFPToMP4(fp, "second", 6, nullptr, 0, p, 1, o);
+             fclose(fp);
+             return r;
+         }},
     };
     for (int safe : {0, 1})
         for (const Bytes &start : {kImage, kStart})
