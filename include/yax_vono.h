@@ -97,6 +97,36 @@ YAX_EXPORT int isVonoMetaInfo(YAXDATA *yaxdata);
 YAX_EXPORT int isIdenticalNameInMetaInfo(YAXDATA_UNIT *meta, const char *name);
 YAX_EXPORT YAXOFFSET *getVonoInFile(YAXDATA *yaxdata, const char *name);
 
+/* ---- the sound API ---- */
+/* A named sound fetched from the trailer: its data length and the extracted
+ * entry. Freed with destroyAudioStreamBuffer (this library's own addition). */
+typedef struct YAXAUDIOSTREAM {
+    uint32_t length;
+    YAXDATA_UNIT *unit; /* NULL when the name is not stored */
+} YAXAUDIOSTREAM;
+
+YAX_EXPORT int saveVonoToImageFile(const char *path, const void *data, uint32_t data_len,
+                                   const char *name, uint32_t name_len);
+YAX_EXPORT int deleteVonoFromImageFile(const char *path, const char *name);
+YAX_EXPORT int deleteAllVonoFromImageFile(const char *path);
+YAX_EXPORT int deleteTonePhotoDataFromFilebyName(YAXDATA **handle, const char *name,
+                                                 uint32_t name_len, uint32_t n);
+YAX_EXPORT int deleteTonePhotoDataFromFilebyIndex(void); /* always 0 */
+YAX_EXPORT int deleteATonePhotoData(const char *path, YaxInfo *info, uint32_t index,
+                                    VonoInfo *vono, uint32_t n);
+YAX_EXPORT int DeleteAllTonePhotoData(const char *path, YaxInfo *info);
+/* accepted, completed records (DestroyVono / DestroyVonoFP), or NULL;
+ * checkVonoInBuffer always gives NULL */
+YAX_EXPORT VonoInfo *checkVonoInFile(const char *path);
+YAX_EXPORT VonoInfo *checkVonoInFP(FILE *fp);
+YAX_EXPORT VonoInfo *checkVonoInBuffer(YAXBUFFER *buffer);
+YAX_EXPORT YAXAUDIOSTREAM *getAudioStreamBuffer(YAXDATA *info, const char *name,
+                                                uint32_t name_len);
+YAX_EXPORT void destroyAudioStreamBuffer(YAXAUDIOSTREAM *stream);
+YAX_EXPORT int copyTonePhotoData(const char *src_path, const char *dst_path);
+YAX_EXPORT int copyVonoData(const char *src_path, const char *dst_path);
+YAX_EXPORT void destroyVONOOFFSET(VONOOFFSET *p);
+
 #ifdef __cplusplus
 }
 #endif

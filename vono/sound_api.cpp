@@ -1,0 +1,445 @@
+// The sound API: store, fetch, copy and delete the sounds kept with a photo,
+// whether the file holds the legacy Vono block, TonePhoto entries in the
+// trailer, or both. Every edit here goes through the trailer's own adds,
+// saves and deletes; nothing below writes a header, a row or an end record.
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+#include "yax_api.h"
+#include "yax_container.h"
+#include "yax_support.h"
+#include "yax_vono.h"
+
+namespace {
+
+constexpr char kSaveTag[] = "YAXAPIs::saveVonoToImageFile";
+constexpr char kMetaName[] = "TonePhoto_Meta_Info";
+constexpr uint32_t kMetaNameLength = sizeof kMetaName - 1;
+constexpr char kFirstSoundName[] = "TonePhoto_000";
+constexpr uint32_t kFirstSoundNameLength = sizeof kFirstSoundName - 1;
+constexpr uint32_t kFirstListBuffer = 1000;
+constexpr uint32_t kLargestSound = 0xFFF00000u;
+constexpr uint32_t kNotFound = 0xFFFFFFFFu;
+
+bool accepted(const VonoInfo *v) { return v != nullptr && (v->version >= 105 || v->count != 0); }
+
+struct Yax {
+    YAXDATA *p = nullptr;
+    ~Yax() { destroyYAXDATA(p); }
+};
+struct Unit {
+    YAXDATA_UNIT *p = nullptr;
+    ~Unit() { destroyYAXDATA_UNIT(p); }
+};
+struct Vono {
+    VonoInfo *p = nullptr;
+    ~Vono() { DestroyVono(p); }
+};
+
+// The "TonePhoto_Meta_Info" entry of a parsed trailer and its index, or null.
+YAXDATA_UNIT *metaEntry(YAXDATA *y, uint32_t *index) {
+    const uint32_t i = _getIndexOfName(y, kMetaName);
+    if (index != nullptr) *index = i;
+    return i == kNotFound ? nullptr : extractYAXDataFromFilebyIndex(y, i);
+}
+
+int saveIntoPlainImage(const char *path, const void *data, uint32_t data_len, const char *name,
+                       uint32_t name_len) {
+    unsigned char list[kFirstListBuffer];
+    if (name_len + 16 > sizeof list) return 0;  // the first list must fit its buffer
+    const uint32_t n = makeFirstVonoHeader(list, name, name_len);
+    if (n == 0) return 0;
+    return NewAddVonoDataInFirstTime(path, YAX_TONEPHOTO_META_TYPE, YAX_TONEPHOTO_SOUND_TYPE, name,
+                                     name_len, data, data_len, list, n);
+}
+
+int saveIntoLegacy(const char *path, const void *data, uint32_t data_len, const char *name,
+                   uint32_t name_len) {
+    VonoInfo *v = checkVonoInFile(path);
+    if (v == nullptr) return 0;
+    if (checkVonoInfoForSaving(v, data_len, 0, name_len) != 1) {
+        DestroyVono(v);
+        return 0;
+    }
+    unsigned char list[kFirstListBuffer];
+    if (v->count == 0) {
+        DestroyVono(v);
+        const uint32_t n = makeFirstVonoHeader(list, kFirstSoundName, kFirstSoundNameLength);
+        // The list names "TonePhoto_000" while the entry carries the caller's name.
+        return NewAddVonoDataInFirstTime(path, YAX_TONEPHOTO_META_TYPE, YAX_TONEPHOTO_SOUND_TYPE,
+                                         name, name_len, data, data_len, list, n);
+    }
+    const uint32_t old_len = v->offsets[1] - v->offsets[0];
+    unsigned char *old = _getAudioStreamBuffer(v);
+    DestroyVono(v);
+    if (old == nullptr || kFirstSoundNameLength + name_len + 24 > sizeof list) {
+        _qfree(old);
+        return 0;
+    }
+    deleteAVono(path);
+    const uint32_t n =
+        makeSecondVonoHeader(list, kFirstSoundName, kFirstSoundNameLength, name, name_len);
+    const int r = NewAddVonoDataInFirstTime(path, YAX_TONEPHOTO_META_TYPE,
+                                            YAX_TONEPHOTO_SOUND_TYPE, kFirstSoundName,
+                                            kFirstSoundNameLength, old, old_len, list, n);
+    _qfree(old);
+    if (r == 0) return 0;
+    return saveYAXDataToFile(path, name, name_len, nullptr, 0, data, data_len,
+                             YAX_TONEPHOTO_SOUND_TYPE, 0);
+}
+
+int saveIntoTrailer(const char *path, const void *data, uint32_t data_len, const char *name,
+                    uint32_t name_len) {
+    Yax y{checkYAXInFile(path)};
+    if (y.p == nullptr) return 0;
+    if (checkYAXInfoForSaving(y.p->yax_info, data_len, 0, name_len) != 1) return 0;
+    const uint32_t same = _getIndexOfName(y.p, name);
+    if (same != kNotFound) {
+        DeleteAYAXData(path, y.p->yax_info, same, nullptr);
+        destroyYAXDATA(y.p);
+        y.p = checkYAXInFile(path);
+        if (y.p == nullptr) return 0;
+    }
+    unsigned char list[kFirstListBuffer];
+    if (name_len + 16 > sizeof list) return 0;
+    const uint32_t n = makeFirstVonoHeader(list, name, name_len);
+    // An older name list is left where it is.
+    return NewAddVonoData(y.p->yax_info, YAX_TONEPHOTO_META_TYPE, YAX_TONEPHOTO_SOUND_TYPE, name,
+                          name_len, data, data_len, list, n);
+}
+
+int saveIntoTrailerAndLegacy(const char *path, const void *data, uint32_t data_len,
+                             const char *name, uint32_t name_len) {
+    Vono v{checkVonoInFile(path)};
+    if (v.p == nullptr) return 0;
+    Yax y{checkYAXInFP(v.p->fp)};
+    if (y.p == nullptr) return 0;
+    if (checkYAXInfoForSaving(y.p->yax_info, data_len, 0, name_len) != 1) {
+        destroyYAXDATA_FP(y.p);
+        y.p = nullptr;
+        return 0;
+    }
+    uint32_t meta_index = kNotFound;
+    Unit meta{metaEntry(y.p, &meta_index)};
+    if (meta.p != nullptr && isIdenticalNameInMetaInfo(meta.p, name) == 1) {
+        destroyYAXDATA_FP(y.p);
+        y.p = nullptr;
+        DestroyVono(v.p);
+        v.p = nullptr;
+        return saveYAXDataToFile(path, name, name_len, nullptr, 0, data, data_len,
+                                 YAX_TONEPHOTO_SOUND_TYPE, 1);
+    }
+    if (meta.p == nullptr) {
+        destroyYAXDATA_FP(y.p);
+        y.p = nullptr;
+        return 0;
+    }
+    // Room for the list grown by one name: the old payload, the new length
+    // word and the name.
+    const uint64_t room = uint64_t(y.p->count) * 100 + meta.p->data_length + name_len + 8;
+    auto *list = static_cast<unsigned char *>(_qcalloc(1, size_t(room)));
+    if (list == nullptr) {
+        destroyYAXDATA_FP(y.p);
+        y.p = nullptr;
+        return 0;
+    }
+    const uint32_t n = makeAddVonoHeader(list, y.p->yax_info, meta_index, 0, name, name_len);
+    destroyYAXDATA_FP(y.p);
+    y.p = nullptr;
+    DestroyVono(v.p);
+    v.p = nullptr;
+    int r = 0;
+    if (n != 0)
+        r = saveYAXDataToFile(path, kMetaName, kMetaNameLength, nullptr, 0, list, n,
+                              YAX_TONEPHOTO_META_TYPE, 1);
+    if (r == 1)
+        r = saveYAXDataToFile(path, name, name_len, nullptr, 0, data, data_len,
+                              YAX_TONEPHOTO_SOUND_TYPE, 1);
+    _qfree(list);
+    return r;
+}
+
+}  // namespace
+
+extern "C" {
+
+YAX_EXPORT int saveVonoToImageFile(const char *path, const void *data, uint32_t data_len,
+                                   const char *name, uint32_t name_len) {
+    if (path == nullptr) {
+        YAXLogE(kSaveTag, "file name null");
+        return 0;
+    }
+    if (data == nullptr || data_len == 0) {
+        YAXLogE(kSaveTag, "audioStream null");
+        return 0;
+    }
+    if (data_len > kLargestSound) {
+        YAXLogE(kSaveTag, "Too big file to add");
+        return 0;
+    }
+    if (name == nullptr || name_len == 0) {
+        YAXLogE(kSaveTag, "vono name is null or vono_name_len is 0");
+        return 0;
+    }
+    switch (getSignature(path)) {
+        case SIGNATURE_NONE: return saveIntoPlainImage(path, data, data_len, name, name_len);
+        case SIGNATURE_VONO: return saveIntoLegacy(path, data, data_len, name, name_len);
+        case SIGNATURE_YAX: return saveIntoTrailer(path, data, data_len, name, name_len);
+        case SIGNATURE_VONO_YAX:
+            return saveIntoTrailerAndLegacy(path, data, data_len, name, name_len);
+        default: return 1;
+    }
+}
+
+YAX_EXPORT VonoInfo *checkVonoInFile(const char *path) {
+    const int s = getSignature(path);
+    if (s != SIGNATURE_VONO && s != SIGNATURE_VONO_YAX) return nullptr;
+    VonoInfo *v = _checkAudioInImageFile(path);
+    return accepted(v) ? v : nullptr;
+}
+
+YAX_EXPORT VonoInfo *checkVonoInFP(FILE *fp) {
+    const unsigned s = getSignatureFP(fp);
+    if (s != SIGNATURE_VONO && s != SIGNATURE_VONO_YAX) return nullptr;
+    VonoInfo *v = _checkAudioInImageFP(fp);
+    return accepted(v) ? v : nullptr;
+}
+
+YAX_EXPORT VonoInfo *checkVonoInBuffer(YAXBUFFER *buffer) {
+    const unsigned s = getSignatureBuffer(buffer);
+    if (s != SIGNATURE_VONO && s != SIGNATURE_VONO_YAX) return nullptr;
+    VonoInfo *v = _checkAudioInImageBuffer(buffer);  // never gives a record
+    return accepted(v) ? v : nullptr;
+}
+
+YAX_EXPORT void destroyVONOOFFSET(VONOOFFSET *p) { _destroyVONOOFFSET(p); }
+
+YAX_EXPORT int deleteTonePhotoDataFromFilebyIndex(void) { return 0; }
+
+YAX_EXPORT int DeleteAllTonePhotoData(const char *path, YaxInfo *info) {
+    // The trailer and the Vono block behind it go together: the bare image stays.
+    return DeleteAllData(path, info);
+}
+
+YAX_EXPORT int deleteATonePhotoData(const char *path, YaxInfo *info, uint32_t index,
+                                    VonoInfo *vono, uint32_t n) {
+    if (path == nullptr || info == nullptr || info->fp == nullptr || info->file_size < 1 ||
+        index >= info->meta_count)
+        return 0;
+    if (n == 1) {
+        DeleteAllTonePhotoData(path, info);
+        return 1;
+    }
+    // The end record points at the first sound, pulled back by the removed
+    // block when that sound lay behind it (sound_moved).
+    return DeleteAYAXData(path, info, index, n >= 2 ? vono : nullptr);
+}
+
+YAX_EXPORT int deleteTonePhotoDataFromFilebyName(YAXDATA **handle, const char *name,
+                                                 uint32_t name_len, uint32_t n) {
+    if (handle == nullptr || *handle == nullptr || (*handle)->yax_info == nullptr ||
+        (*handle)->filename == nullptr || name == nullptr || name_len == 0)
+        return 0;
+    YAXDATA *y = *handle;
+    Vono v{_checkAudioInImageFile(y->filename)};
+    if (v.p != nullptr && v.p->fp != nullptr) {
+        _qfclose(v.p->fp);
+        v.p->fp = nullptr;
+    }
+    const uint32_t index = _getIndexOfName(y, name);
+    if (index == kNotFound) return 0;
+    const uint32_t first = _getIndexOfName(y, kFirstSoundName);
+    // Without a "TonePhoto_000" entry every index counts as lying before it,
+    // as in the trailer's own delete by name.
+    if (v.p != nullptr) v.p->sound_moved = index < first ? 1 : 0;
+    return deleteATonePhotoData(y->filename, y->yax_info, index, v.p, n);
+}
+
+YAX_EXPORT YAXAUDIOSTREAM *getAudioStreamBuffer(YAXDATA *info, const char *name,
+                                                uint32_t name_len) {
+    if (info == nullptr) return nullptr;
+    auto *s = static_cast<YAXAUDIOSTREAM *>(_qcalloc(1, sizeof(YAXAUDIOSTREAM)));
+    if (s == nullptr) return nullptr;
+    if (name != nullptr && name_len != 0) {
+        const uint32_t i = _getIndexOfName(info, name);
+        if (i != kNotFound) s->unit = extractYAXDataFromFilebyIndex(info, i);
+        if (s->unit != nullptr) s->length = s->unit->data_length;
+    }
+    return s;
+}
+
+YAX_EXPORT void destroyAudioStreamBuffer(YAXAUDIOSTREAM *s) {
+    if (s == nullptr) return;
+    destroyYAXDATA_UNIT(s->unit);
+    _qfree(s);
+}
+
+YAX_EXPORT int deleteVonoFromImageFile(const char *path, const char *name) {
+    switch (getSignature(path)) {
+        case SIGNATURE_VONO: return deleteAVono(path);
+        case SIGNATURE_VONO_YAX: break;
+        default: return 0;
+    }
+    if (name == nullptr) return 0;
+    YAXDATA *y = checkYAXInFile(path);
+    if (y == nullptr) return 0;
+    uint32_t meta_index = kNotFound;
+    YAXDATA_UNIT *meta = metaEntry(y, &meta_index);
+    const uint32_t n = meta != nullptr ? getVonoHeaderCount(meta->data) : 0;
+    const uint32_t name_len = static_cast<uint32_t>(std::strlen(name));
+    if (n == 0) {
+        destroyYAXDATA_UNIT(meta);
+        destroyYAXDATA(y);
+        return 0;
+    }
+    if (n == 1) {
+        deleteYAXDataFromFilebyName(&y, name, static_cast<int>(name_len));
+        deleteYAXDataFromFilebyName(&y, kMetaName, static_cast<int>(kMetaNameLength));
+    } else {
+        // The shrunk list is never longer than the old one.
+        auto *list = static_cast<unsigned char *>(_qcalloc(1, meta->data_length + 16));
+        const uint32_t len =
+            list != nullptr ? makeMinusVonoHeader(list, y->yax_info, meta_index, 0, name) : 0;
+        destroyYAXDATA(y);
+        y = nullptr;
+        if (len != 0 && saveYAXDataToFile(path, kMetaName, kMetaNameLength, nullptr, 0, list,
+                                          len, YAX_TONEPHOTO_META_TYPE, 1) == 1) {
+            y = checkYAXInFile(path);
+            if (y != nullptr) deleteTonePhotoDataFromFilebyName(&y, name, name_len, n);
+        }
+        _qfree(list);
+    }
+    destroyYAXDATA_UNIT(meta);
+    destroyYAXDATA(y);
+    return 1;
+}
+
+YAX_EXPORT int deleteAllVonoFromImageFile(const char *path) {
+    const int s = getSignature(path);
+    if (s >= SIGNATURE_NONE && s <= SIGNATURE_YAX) return 0;
+    if (s != SIGNATURE_VONO_YAX) return 1;
+    YAXDATA *y = checkYAXInFile(path);
+    if (y == nullptr) return 1;
+    char **names = nullptr;
+    uint32_t count = 0;
+    getTonePhotoNameList(y, &names, &count);
+    for (uint32_t i = 0; i < count && y != nullptr; ++i) {
+        if (names[i] != nullptr)
+            deleteYAXDataFromFilebyName(&y, names[i], static_cast<int>(std::strlen(names[i])));
+    }
+    for (uint32_t i = 0; i < count; ++i) _qfree(names[i]);
+    _qfree(names);
+    if (y != nullptr) deleteTonePhotoDataFromFilebyName(&y, kMetaName, kMetaNameLength, 1);
+    destroyYAXDATA(y);
+    return 1;
+}
+
+YAX_EXPORT int copyTonePhotoData(const char *src_path, const char *dst_path) {
+    if (src_path == nullptr || dst_path == nullptr) return 0;
+    Yax src{checkYAXInFile(src_path)};
+    if (src.p == nullptr) return 0;
+    Unit meta{metaEntry(src.p, nullptr)};
+    if (meta.p == nullptr) return 0;  // nothing defined to copy without a list
+    char **names = nullptr;
+    uint32_t n = 0;
+    if (getTonePhotoNameList(src.p, &names, &n) != 1 && n != 0) return 0;
+    YAXDATA_UNIT **sounds = static_cast<YAXDATA_UNIT **>(_qcalloc(n + 1, sizeof *sounds));
+    int ok = sounds != nullptr;
+    for (uint32_t i = 0; ok && i < n; ++i) {
+        const uint32_t at = names[i] != nullptr ? _getIndexOfName(src.p, names[i]) : kNotFound;
+        sounds[i] = at == kNotFound ? nullptr : extractYAXDataFromFilebyIndex(src.p, at);
+        ok = sounds[i] != nullptr;  // a listed name without its entry cannot be copied
+    }
+    FILE *out = ok ? _qfopen(dst_path, "ab") : nullptr;
+    if (out != nullptr) {
+        const int64_t p = _qlseek64(out, 0, SEEK_END);
+        // Block lengths: the 8-byte tag, the name and the payload.
+        uint64_t total = 8 + kMetaNameLength + meta.p->data_length;
+        for (uint32_t i = 0; i < n; ++i) total += 8 + std::strlen(names[i]) + sounds[i]->data_length;
+        ok = p >= 0 && uint64_t(p) + total + 64 <= 0xFFFFFFFFu;
+        for (uint32_t i = 0; ok && i < n; ++i) {
+            const uint32_t len = static_cast<uint32_t>(std::strlen(names[i]));
+            _writeDataTagInfo(out, YAX_TONEPHOTO_SOUND_TYPE, 0, names[i], len, nullptr, 0);
+            ok = _qfwrite(sounds[i]->data, sounds[i]->data_length, out) != -1;
+        }
+        if (ok) {
+            _writeDataTagInfo(out, YAX_TONEPHOTO_META_TYPE, 0, kMetaName, kMetaNameLength,
+                              nullptr, 0);
+            ok = _qfwrite(meta.p->data, meta.p->data_length, out) != -1;
+        }
+        if (ok) {
+            _writeYAX_QTSS(out);
+            _writeYAX_QVER(out);
+            _writeYAX_QCnt(out, n + 1);
+            uint32_t remaining = static_cast<uint32_t>(total);
+            for (uint32_t i = 0; i <= n; ++i) {
+                YaxEntry row{};
+                const bool list = i == n;
+                row.meta_type = _setMetaType(
+                    list ? YAX_TONEPHOTO_META_TYPE : YAX_TONEPHOTO_SOUND_TYPE, 0);
+                row.length = list ? 8 + kMetaNameLength + meta.p->data_length
+                                  : 8 + uint32_t(std::strlen(names[i])) + sounds[i]->data_length;
+                row.offset = remaining;
+                remaining -= row.length;
+                _writeYAX_QDR(out, &row);
+            }
+            _writeYAX_QTHO(out, n + 1);
+            _writeYAX_QTS(out);
+            // The end record points at the first listed sound.
+            uint32_t start = 0, end = 0;
+            if (n != 0) {
+                start = uint32_t(p) + 8 + uint32_t(std::strlen(names[0]));
+                end = start + sounds[0]->data_length;
+            }
+            _writeVonoHeader(out, start, end);
+        }
+        _qfclose(out);
+    } else {
+        ok = 0;
+    }
+    for (uint32_t i = 0; i < n; ++i) {
+        if (sounds != nullptr) destroyYAXDATA_UNIT(sounds[i]);
+        _qfree(names[i]);
+    }
+    _qfree(sounds);
+    _qfree(names);
+    return ok ? 1 : 0;
+}
+
+YAX_EXPORT int copyVonoData(const char *src_path, const char *dst_path) {
+    if (src_path == nullptr || dst_path == nullptr) return 0;
+    if (getSignature(dst_path) == SIGNATURE_VONO) {
+        VonoInfo *d = checkVonoInFile(dst_path);
+        if (d != nullptr) convertVonoToTonePhoto(&d, dst_path);
+        DestroyVono(d);
+    }
+    int s = getSignature(src_path);
+    if (s == SIGNATURE_VONO) {
+        VonoInfo *v = checkVonoInFile(src_path);
+        if (v != nullptr) convertVonoToTonePhoto(&v, src_path);
+        DestroyVono(v);
+        s = getSignature(src_path);
+    }
+    if (s != SIGNATURE_VONO_YAX) return 0;
+    Yax src{checkYAXInFile(src_path)};
+    if (src.p == nullptr) return 0;
+    char **names = nullptr;
+    uint32_t n = 0;
+    getTonePhotoNameList(src.p, &names, &n);
+    int r = n != 0 ? 1 : 0;
+    for (uint32_t i = 0; i < n; ++i) {
+        YAXAUDIOSTREAM *a =
+            getAudioStreamBuffer(src.p, names[i], uint32_t(std::strlen(names[i])));
+        if (a == nullptr || a->unit == nullptr ||
+            saveVonoToImageFile(dst_path, a->unit->data, a->length, names[i],
+                                uint32_t(std::strlen(names[i]))) != 1)
+            r = 0;
+        destroyAudioStreamBuffer(a);
+        _qfree(names[i]);
+    }
+    _qfree(names);
+    return r;
+}
+
+}  // extern "C"
