@@ -119,11 +119,12 @@ YAX_EXPORT int saveYAXDataFileToFPToMP4(FILE *fp, const char *name, uint32_t nam
     }
     if (size <= 0) return 0;
     if (data_type == YAX_USER_DEFINED_DATA && !hasSub(sub_info, sub_info_length)) return 0;
-    api::Payload payload;
+    // Not streamed yet: the MP4 save takes its payload in memory.
+    api::PayloadFile payload;
     constexpr api::PayloadMsgs msgs{tag, nullptr, tag, nullptr, nullptr, nullptr};
-    if (!api::loadPayload(payload_path, msgs, payload)) return 0;
+    if (!payload.open(payload_path, msgs) || !payload.hold(msgs)) return 0;
     return saveYAXDataToFPToMP4(fp, name, name_length, sub_info, sub_info_length,
-                                payload.data.get(), payload.length, data_type, option);
+                                payload.data(), payload.length(), data_type, option);
 }
 
 }  // extern "C"
