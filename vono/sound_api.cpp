@@ -1,11 +1,20 @@
 // The sound API: store, fetch, copy and delete the sounds kept with a photo,
 // whether the file holds the legacy Vono block, TonePhoto entries in the
 // trailer, or both. Every edit here goes through the trailer's own adds,
-// saves and deletes; nothing below writes a header, a row or an end record.
+// saves and deletes, and the copy of a whole set through the one TonePhoto
+// set writer (tone_set.hpp); nothing below writes a header, a row or an end
+// record itself.
+//
+// An edit made of several steps (drop the legacy block then add, rewrite the
+// list then delete the sound) is one edit in the safe-edit mode: the group
+// puts the file back when a later step fails.
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 
+#include "api/edit_group.hpp"
+#include "vono/tone_set.hpp"
+#include "vono/tonephoto_payload.hpp"
 #include "yax_api.h"
 #include "yax_container.h"
 #include "yax_support.h"
@@ -14,6 +23,10 @@
 namespace {
 
 constexpr char kSaveTag[] = "YAXAPIs::saveVonoToImageFile";
+constexpr char kDeleteTag[] = "VonoAPIs::deleteVonoFromImageFile";
+constexpr char kDeleteAllTag[] = "VonoAPIs::deleteAllVonoFromImageFile";
+constexpr char kCopyTag[] = "VonoAPIs::copyTonePhotoData";
+constexpr char kListDoesNotFit[] = "the name list does not fit its entry";
 constexpr char kMetaName[] = "TonePhoto_Meta_Info";
 constexpr uint32_t kMetaNameLength = sizeof kMetaName - 1;
 constexpr char kFirstSoundName[] = "TonePhoto_000";
@@ -42,6 +55,32 @@ YAXDATA_UNIT *metaEntry(YAXDATA *y, uint32_t *index) {
     const uint32_t i = _getIndexOfName(y, kMetaName);
     if (index != nullptr) *index = i;
     return i == kNotFound ? nullptr : extractYAXDataFromFilebyIndex(y, i);
+}
+
+// The name list of a parsed trailer, measured against its own payload
+// before anything reads its count: a list whose count or lengths reach past
+// its bytes is refused as a whole (`fits` false, logged under `tag`).
+struct CheckedList {
+    uint32_t index = kNotFound;
+    Unit unit;
+    yax::tone::ListView view;
+    bool fits = false;
+
+    CheckedList(YAXDATA *y, const char *tag) {
+        unit.p = metaEntry(y, &index);
+        if (unit.p == nullptr) return;
+        fits = yax::tone::openList(unit.p->data, unit.p->data_length, view);
+        if (!fits) YAXLogE(tag, kListDoesNotFit);
+    }
+    bool present() const { return unit.p != nullptr; }
+};
+
+// Runs a multi-step edit of `path` as one edit (see edit_group.hpp).
+template <typename Edit>
+int asOneEdit(const char *path, Edit edit) {
+    yax::api::EditGroup group(path);
+    if (!group.ready()) return 0;
+    return group.finish(edit());
 }
 
 int saveIntoPlainImage(const char *path, const void *data, uint32_t data_len, const char *name,
@@ -77,7 +116,13 @@ int saveIntoLegacy(const char *path, const void *data, uint32_t data_len, const 
         _qfree(old);
         return 0;
     }
+    // The drop reports success whatever happened; the ending tells.
     deleteAVono(path);
+    if (getSignature(path) != SIGNATURE_NONE) {
+        _qfree(old);
+        YAXLogE(kSaveTag, "the legacy sound could not be taken out");
+        return 0;
+    }
     const uint32_t n =
         makeSecondVonoHeader(list, kFirstSoundName, kFirstSoundNameLength, name, name_len);
     const int r = NewAddVonoDataInFirstTime(path, YAX_TONEPHOTO_META_TYPE,
@@ -182,14 +227,16 @@ YAX_EXPORT int saveVonoToImageFile(const char *path, const void *data, uint32_t 
         YAXLogE(kSaveTag, "vono name is null or vono_name_len is 0");
         return 0;
     }
-    switch (getSignature(path)) {
-        case SIGNATURE_NONE: return saveIntoPlainImage(path, data, data_len, name, name_len);
-        case SIGNATURE_VONO: return saveIntoLegacy(path, data, data_len, name, name_len);
-        case SIGNATURE_YAX: return saveIntoTrailer(path, data, data_len, name, name_len);
-        case SIGNATURE_VONO_YAX:
-            return saveIntoTrailerAndLegacy(path, data, data_len, name, name_len);
-        default: return 1;
-    }
+    return asOneEdit(path, [&] {
+        switch (getSignature(path)) {
+            case SIGNATURE_NONE: return saveIntoPlainImage(path, data, data_len, name, name_len);
+            case SIGNATURE_VONO: return saveIntoLegacy(path, data, data_len, name, name_len);
+            case SIGNATURE_YAX: return saveIntoTrailer(path, data, data_len, name, name_len);
+            case SIGNATURE_VONO_YAX:
+                return saveIntoTrailerAndLegacy(path, data, data_len, name, name_len);
+            default: return 1;
+        }
+    });
 }
 
 YAX_EXPORT VonoInfo *checkVonoInFile(const char *path) {
@@ -282,146 +329,150 @@ YAX_EXPORT int deleteVonoFromImageFile(const char *path, const char *name) {
         default: return 0;
     }
     if (name == nullptr) return 0;
-    YAXDATA *y = checkYAXInFile(path);
-    if (y == nullptr) return 0;
-    uint32_t meta_index = kNotFound;
-    YAXDATA_UNIT *meta = metaEntry(y, &meta_index);
-    const uint32_t n = meta != nullptr ? getVonoHeaderCount(meta->data) : 0;
-    const uint32_t name_len = static_cast<uint32_t>(std::strlen(name));
-    if (n == 0) {
-        destroyYAXDATA_UNIT(meta);
-        destroyYAXDATA(y);
-        return 0;
-    }
-    if (n == 1) {
-        deleteYAXDataFromFilebyName(&y, name, static_cast<int>(name_len));
-        deleteYAXDataFromFilebyName(&y, kMetaName, static_cast<int>(kMetaNameLength));
-    } else {
-        // The shrunk list is never longer than the old one.
-        auto *list = static_cast<unsigned char *>(_qcalloc(1, meta->data_length + 16));
-        const uint32_t len =
-            list != nullptr ? makeMinusVonoHeader(list, y->yax_info, meta_index, 0, name) : 0;
-        destroyYAXDATA(y);
-        y = nullptr;
-        if (len != 0 && saveYAXDataToFile(path, kMetaName, kMetaNameLength, nullptr, 0, list,
-                                          len, YAX_TONEPHOTO_META_TYPE, 1) == 1) {
-            y = checkYAXInFile(path);
-            if (y != nullptr) deleteTonePhotoDataFromFilebyName(&y, name, name_len, n);
+    return asOneEdit(path, [&] {
+        YAXDATA *y = checkYAXInFile(path);
+        if (y == nullptr) return 0;
+        CheckedList list(y, kDeleteTag);
+        const uint32_t n = list.fits ? list.view.count : 0;
+        if (n == 0) {
+            destroyYAXDATA(y);
+            return 0;
         }
-        _qfree(list);
-    }
-    destroyYAXDATA_UNIT(meta);
-    destroyYAXDATA(y);
-    return 1;
+        const uint32_t name_len = static_cast<uint32_t>(std::strlen(name));
+        if (n == 1) {
+            deleteYAXDataFromFilebyName(&y, name, static_cast<int>(name_len));
+            deleteYAXDataFromFilebyName(&y, kMetaName, static_cast<int>(kMetaNameLength));
+        } else {
+            // The shrunk list is never longer than the old one.
+            auto *shrunk = static_cast<unsigned char *>(_qcalloc(1, list.unit.p->data_length + 16));
+            const uint32_t len =
+                shrunk != nullptr ? makeMinusVonoHeader(shrunk, y->yax_info, list.index, 0, name)
+                                  : 0;
+            destroyYAXDATA(y);
+            y = nullptr;
+            if (len != 0 && saveYAXDataToFile(path, kMetaName, kMetaNameLength, nullptr, 0, shrunk,
+                                              len, YAX_TONEPHOTO_META_TYPE, 1) == 1) {
+                y = checkYAXInFile(path);
+                if (y != nullptr) deleteTonePhotoDataFromFilebyName(&y, name, name_len, n);
+            }
+            _qfree(shrunk);
+        }
+        destroyYAXDATA(y);
+        return 1;
+    });
 }
 
 YAX_EXPORT int deleteAllVonoFromImageFile(const char *path) {
     const int s = getSignature(path);
     if (s >= SIGNATURE_NONE && s <= SIGNATURE_YAX) return 0;
     if (s != SIGNATURE_VONO_YAX) return 1;
-    YAXDATA *y = checkYAXInFile(path);
-    if (y == nullptr) return 1;
-    char **names = nullptr;
-    uint32_t count = 0;
-    getTonePhotoNameList(y, &names, &count);
-    for (uint32_t i = 0; i < count && y != nullptr; ++i) {
-        if (names[i] != nullptr)
-            deleteYAXDataFromFilebyName(&y, names[i], static_cast<int>(std::strlen(names[i])));
-    }
-    for (uint32_t i = 0; i < count; ++i) _qfree(names[i]);
-    _qfree(names);
-    if (y != nullptr) deleteTonePhotoDataFromFilebyName(&y, kMetaName, kMetaNameLength, 1);
-    destroyYAXDATA(y);
-    return 1;
+    return asOneEdit(path, [&] {
+        YAXDATA *y = checkYAXInFile(path);
+        if (y == nullptr) return 1;
+        {
+            // A list that overruns its entry names nothing to delete, and the
+            // last step would take every entry with it: refused.
+            CheckedList list(y, kDeleteAllTag);
+            if (list.present() && !list.fits) {
+                destroyYAXDATA(y);
+                return 0;
+            }
+        }
+        char **names = nullptr;
+        uint32_t count = 0;
+        getTonePhotoNameList(y, &names, &count);
+        for (uint32_t i = 0; i < count && y != nullptr; ++i) {
+            if (names[i] != nullptr)
+                deleteYAXDataFromFilebyName(&y, names[i], static_cast<int>(std::strlen(names[i])));
+        }
+        for (uint32_t i = 0; i < count; ++i) _qfree(names[i]);
+        _qfree(names);
+        if (y != nullptr) deleteTonePhotoDataFromFilebyName(&y, kMetaName, kMetaNameLength, 1);
+        destroyYAXDATA(y);
+        return 1;
+    });
 }
 
 YAX_EXPORT int copyTonePhotoData(const char *src_path, const char *dst_path) {
     if (src_path == nullptr || dst_path == nullptr) return 0;
     Yax src{checkYAXInFile(src_path)};
     if (src.p == nullptr) return 0;
-    Unit meta{metaEntry(src.p, nullptr)};
-    if (meta.p == nullptr) return 0;  // nothing defined to copy without a list
-    char **names = nullptr;
-    uint32_t n = 0;
-    if (getTonePhotoNameList(src.p, &names, &n) != 1 && n != 0) return 0;
-    YAXDATA_UNIT **sounds = static_cast<YAXDATA_UNIT **>(_qcalloc(n + 1, sizeof *sounds));
-    int ok = sounds != nullptr;
-    for (uint32_t i = 0; ok && i < n; ++i) {
-        const uint32_t at = names[i] != nullptr ? _getIndexOfName(src.p, names[i]) : kNotFound;
-        sounds[i] = at == kNotFound ? nullptr : extractYAXDataFromFilebyIndex(src.p, at);
-        ok = sounds[i] != nullptr;  // a listed name without its entry cannot be copied
+    // Nothing is defined to copy without a list.
+    CheckedList list(src.p, kCopyTag);
+    if (!list.fits) return 0;
+    const uint32_t n = list.view.count;
+
+    // Blocks in list order, the list last; the names point into the list.
+    auto *blocks = static_cast<yax::tone::SetBlock *>(_qcalloc(n + 1, sizeof(yax::tone::SetBlock)));
+    auto *rows = static_cast<uint32_t *>(_qcalloc(n + 1, sizeof(uint32_t)));
+    auto release = [&](int r) {
+        _qfree(blocks);
+        _qfree(rows);
+        return r;
+    };
+    if (blocks == nullptr || rows == nullptr) return release(0);
+    uint64_t total = 0;
+    bool found = true;
+    yax::tone::forEachName(list.view, [&](uint32_t i, const char *name, uint32_t len) {
+        // A listed name without its entry cannot be copied. Names are looked
+        // up as zero-terminated strings, as every lookup does.
+        char *z = yax::tone::copyName(name, len);
+        rows[i] = z != nullptr ? _getIndexOfName(src.p, z) : kNotFound;
+        _qfree(z);
+        int64_t at = 0, length = 0;
+        found = rows[i] != kNotFound &&
+                readDataOfIndexOffset(src.p->yax_info, rows[i], &at, &length) == 1 &&
+                length >= 0 && length <= int64_t{UINT32_MAX};
+        if (found) {
+            blocks[i] = {YAX_TONEPHOTO_SOUND_TYPE, name, len, static_cast<uint32_t>(length)};
+            total += blocks[i].length();
+        }
+        return found;
+    });
+    if (!found) {
+        YAXLogE(kCopyTag, "a listed sound has no entry");
+        return release(0);
     }
-    FILE *out = ok ? _qfopen(dst_path, "ab") : nullptr;
-    if (out != nullptr) {
-        const int64_t p = _qlseek64(out, 0, SEEK_END);
-        // Block lengths: the 8-byte tag, the name and the payload.
-        uint64_t total = 8 + kMetaNameLength + meta.p->data_length;
-        for (uint32_t i = 0; i < n; ++i) total += 8 + std::strlen(names[i]) + sounds[i]->data_length;
-        ok = p >= 0 && uint64_t(p) + total + 64 <= 0xFFFFFFFFu;
-        for (uint32_t i = 0; ok && i < n; ++i) {
-            const uint32_t len = static_cast<uint32_t>(std::strlen(names[i]));
-            _writeDataTagInfo(out, YAX_TONEPHOTO_SOUND_TYPE, 0, names[i], len, nullptr, 0);
-            ok = _qfwrite(sounds[i]->data, sounds[i]->data_length, out) != -1;
+    blocks[n] = {YAX_TONEPHOTO_META_TYPE, kMetaName, kMetaNameLength, list.unit.p->data_length};
+    total += blocks[n].length();
+
+    return release(asOneEdit(dst_path, [&] {
+        FILE *out = _qfopen(dst_path, "ab");
+        if (out == nullptr) return 0;
+        const int64_t at = _qlseek64(out, 0, SEEK_END);
+        // Every position of the new trailer and its end record is 32-bit.
+        const uint64_t trailer = total + 12 + 12ull * (n + 1) + 8 + yax::layout::kVonoOneSoundBlock;
+        if (at < 0 || uint64_t(at) + trailer > UINT32_MAX) {
+            YAXLogE(kCopyTag, "the copy does not fit the destination's 32-bit positions");
+            _qfclose(out);
+            return 0;
         }
-        if (ok) {
-            _writeDataTagInfo(out, YAX_TONEPHOTO_META_TYPE, 0, kMetaName, kMetaNameLength,
-                              nullptr, 0);
-            ok = _qfwrite(meta.p->data, meta.p->data_length, out) != -1;
-        }
-        if (ok) {
-            _writeYAX_QTSS(out);
-            _writeYAX_QVER(out);
-            _writeYAX_QCnt(out, n + 1);
-            uint32_t remaining = static_cast<uint32_t>(total);
-            for (uint32_t i = 0; i <= n; ++i) {
-                YaxEntry row{};
-                const bool list = i == n;
-                row.meta_type = _setMetaType(
-                    list ? YAX_TONEPHOTO_META_TYPE : YAX_TONEPHOTO_SOUND_TYPE, 0);
-                row.length = list ? 8 + kMetaNameLength + meta.p->data_length
-                                  : 8 + uint32_t(std::strlen(names[i])) + sounds[i]->data_length;
-                row.offset = remaining;
-                remaining -= row.length;
-                _writeYAX_QDR(out, &row);
-            }
-            _writeYAX_QTHO(out, n + 1);
-            _writeYAX_QTS(out);
-            // The end record points at the first listed sound.
-            uint32_t start = 0, end = 0;
-            if (n != 0) {
-                start = uint32_t(p) + 8 + uint32_t(std::strlen(names[0]));
-                end = start + sounds[0]->data_length;
-            }
-            _writeVonoHeader(out, start, end);
-        }
+        const int r = yax::tone::writeToneSet(
+            out, static_cast<uint32_t>(at), blocks, n, nullptr, 0, kCopyTag, [&](uint32_t i) {
+                if (i == n) return _qfwrite(list.unit.p->data, list.unit.p->data_length, out) != -1;
+                return yaxStreamYAXData(src.p, rows[i], YAX_STREAM_PAYLOAD, out) ==
+                       int64_t{blocks[i].payload_len};
+            });
         _qfclose(out);
-    } else {
-        ok = 0;
-    }
-    for (uint32_t i = 0; i < n; ++i) {
-        if (sounds != nullptr) destroyYAXDATA_UNIT(sounds[i]);
-        _qfree(names[i]);
-    }
-    _qfree(sounds);
-    _qfree(names);
-    return ok ? 1 : 0;
+        return r;
+    }));
 }
 
 YAX_EXPORT int copyVonoData(const char *src_path, const char *dst_path) {
     if (src_path == nullptr || dst_path == nullptr) return 0;
-    if (getSignature(dst_path) == SIGNATURE_VONO) {
-        VonoInfo *d = checkVonoInFile(dst_path);
-        if (d != nullptr) convertVonoToTonePhoto(&d, dst_path);
-        DestroyVono(d);
-    }
-    int s = getSignature(src_path);
-    if (s == SIGNATURE_VONO) {
-        VonoInfo *v = checkVonoInFile(src_path);
-        if (v != nullptr) convertVonoToTonePhoto(&v, src_path);
-        DestroyVono(v);
-        s = getSignature(src_path);
-    }
-    if (s != SIGNATURE_VONO_YAX) return 0;
+    // A legacy-only file is converted in place first, the source too.
+    auto convert = [](const char *path) {
+        if (getSignature(path) != SIGNATURE_VONO) return;
+        asOneEdit(path, [path] {
+            VonoInfo *v = checkVonoInFile(path);
+            const int r = v != nullptr ? convertVonoToTonePhoto(&v, path) : 0;
+            DestroyVono(v);
+            return r;
+        });
+    };
+    convert(dst_path);
+    convert(src_path);
+    if (getSignature(src_path) != SIGNATURE_VONO_YAX) return 0;
     Yax src{checkYAXInFile(src_path)};
     if (src.p == nullptr) return 0;
     char **names = nullptr;

@@ -13,6 +13,7 @@
 #include "support/bytes.hpp"
 #include "support/io.hpp"
 #include "support/misrouted_write.hpp"
+#include "vono/tone_set.hpp"
 #include "vono/tonephoto_payload.hpp"
 #include "yax_container.h"
 #include "yax_support.h"
@@ -49,25 +50,6 @@ static_assert(kFirstSoundNameLength == L::kToneFirstName.size());
 // The converters build their first list in a buffer of this size.
 constexpr size_t kFirstListBuffer = 1000;
 
-// The two rows that close a sound + list pair: the sound block sits
-// sound + list bytes before the header, the list block right in front of it.
-struct PairRows {
-    YaxEntry sound{};
-    YaxEntry list{};
-};
-
-PairRows pairRows(uint32_t meta_type, uint32_t sound_type, uint32_t sound_len,
-                  uint32_t list_len) {
-    PairRows r;
-    r.sound.meta_type = _setMetaType(sound_type, 0);
-    r.sound.offset = sound_len + list_len;
-    r.sound.length = sound_len;
-    r.list.meta_type = _setMetaType(meta_type, 0);
-    r.list.offset = list_len;
-    r.list.length = list_len;
-    return r;
-}
-
 // A sound + list pair as the two unchecked adds write it: the sound block, the
 // list block, a header holding the `old_count` rows of `old_rows` and the two
 // new rows, the tail, and the Vono block pointing at the new sound's bytes.
@@ -83,7 +65,6 @@ struct SoundAndList {
 
     uint32_t soundLength() const { return _getDataLength(0, name_len, 0, data_len); }
     uint32_t listLength() const { return _getDataLength(0, kMetaNameLength, 0, meta_len); }
-    uint32_t soundStart(uint32_t at) const { return at + L::kBlockFixed + name_len; }
 };
 
 // A listed table: every row present.
@@ -98,20 +79,11 @@ bool tableComplete(const YaxInfo *info) {
 
 void writeUnchecked(FILE *fp, uint32_t at, const SoundAndList &a, YaxEntry *const *old_rows,
                     uint32_t old_count) {
-    PairRows rows = pairRows(a.meta_type, a.sound_type, a.soundLength(), a.listLength());
-    _writeDataTagInfo(fp, a.sound_type, 0, a.name, a.name_len, nullptr, 0);
-    _qfwrite(a.data, a.data_len, fp);
-    _writeDataTagInfo(fp, a.meta_type, 0, kMetaName, kMetaNameLength, nullptr, 0);
-    _qfwrite(a.meta, a.meta_len, fp);
-    _writeYAX_QTSS(fp);
-    _writeYAX_QVER(fp);
-    _writeYAX_QCnt(fp, old_count + 2);
-    for (uint32_t i = 0; i < old_count; ++i) _writeYAX_QDR(fp, old_rows[i]);
-    _writeYAX_QDR(fp, &rows.sound);
-    _writeYAX_QDR(fp, &rows.list);
-    _writeYAX_QTHO(fp, old_count + 2);
-    _writeYAX_QTS(fp);
-    _writeVonoHeader(fp, a.soundStart(at), a.soundStart(at) + a.data_len);
+    const yax::tone::SetBlock blocks[] = {{a.sound_type, a.name, a.name_len, a.data_len},
+                                          {a.meta_type, kMetaName, kMetaNameLength, a.meta_len}};
+    yax::tone::writeToneSet(fp, at, blocks, 1, old_rows, old_count, nullptr, [&](uint32_t i) {
+        return i == 0 ? _qfwrite(a.data, a.data_len, fp) != -1 : _qfwrite(a.meta, a.meta_len, fp) != -1;
+    });
 }
 
 // The name list entry read from a parsed trailer, with its length.
@@ -349,29 +321,14 @@ YAX_EXPORT int NewAddVonoDataInFirstTimeFP(FILE *fp, uint32_t meta_type, uint32_
     if (end <= 0) return fail("File Search Error");
     const auto image_end = static_cast<uint32_t>(end);
 
-    const uint32_t sound_len = _getDataLength(0, name_len, 0, data_len);
-    const uint32_t list_len = _getDataLength(0, kMetaNameLength, 0, meta_len);
-    PairRows rows = pairRows(meta_type, sound_type, sound_len, list_len);
-    constexpr int kFailed = -1;
-
-    if (_writeDataTagInfo(fp, sound_type, 0, name, name_len, nullptr, 0) == 0)
-        return fail("File _writeDataTagInfo Error");
+    const yax::tone::SetBlock blocks[] = {{sound_type, name, name_len, data_len},
+                                          {meta_type, kMetaName, kMetaNameLength, meta_len}};
     // A payload write is taken as failed only when it reports 0 bytes.
-    if (_qfwrite(data, data_len, fp) == 0) return fail("File _qfwrite Error");
-    if (_writeDataTagInfo(fp, meta_type, 0, kMetaName, kMetaNameLength, nullptr, 0) == 0)
-        return fail("File _writeDataTagInfo Error");
-    if (_qfwrite(meta, meta_len, fp) == 0) return fail("File _qfwrite Error");
-    if (_writeYAX_QTSS(fp) == kFailed) return fail("File _writeYAX_QTSS Error");
-    if (_writeYAX_QVER(fp) == kFailed) return fail("File _writeYAX_QVER Error");
-    if (_writeYAX_QCnt(fp, 2) == kFailed) return fail("File _writeYAX_QCnt Error");
-    if (_writeYAX_QDR(fp, &rows.sound) == kFailed) return fail("File _writeYAX_QDR Error");
-    if (_writeYAX_QDR(fp, &rows.list) == kFailed) return fail("File _writeYAX_QDR Error");
-    if (_writeYAX_QTHO(fp, 2) == kFailed) return fail("File _writeYAX_QTHO Error");
-    if (_writeYAX_QTS(fp) == kFailed) return fail("File _writeYAX_QTS Error");
-    const uint32_t start = image_end + L::kBlockFixed + name_len;
-    if (_writeVonoHeader(fp, start, start + data_len) == 0)
-        return fail("File _writeVonoHeader Error");
-    return 1;
+    return yax::tone::writeToneSet(fp, image_end, blocks, 1, nullptr, 0, kFirstFpTag,
+                                   [&](uint32_t i) {
+                                       return i == 0 ? _qfwrite(data, data_len, fp) != 0
+                                                     : _qfwrite(meta, meta_len, fp) != 0;
+                                   });
 }
 
 YAX_EXPORT int NewAddVonoData(YaxInfo *info, uint32_t meta_type, uint32_t sound_type,
