@@ -75,6 +75,17 @@ struct CheckedList {
     bool present() const { return unit.p != nullptr; }
 };
 
+// An entry whose block is its head and name alone: the readers find no
+// payload to locate, the copy carries it as an empty sound.
+bool emptyPayload(const YaxInfo *info, uint32_t row, int64_t *length) {
+    const YaxEntry *e = row < info->meta_count ? info->meta_data[row] : nullptr;
+    if (e == nullptr || (e->meta_type & 0x8000u) != 0 ||
+        e->length != yax::layout::kBlockFixed + uint64_t{e->name_length})
+        return false;
+    *length = 0;
+    return true;
+}
+
 // Runs a multi-step edit of `path` as one edit (see edit_group.hpp).
 template <typename Edit>
 int asOneEdit(const char *path, Edit edit) {
@@ -421,7 +432,8 @@ YAX_EXPORT int copyTonePhotoData(const char *src_path, const char *dst_path) {
         _qfree(z);
         int64_t at = 0, length = 0;
         found = rows[i] != kNotFound &&
-                readDataOfIndexOffset(src.p->yax_info, rows[i], &at, &length) == 1 &&
+                (readDataOfIndexOffset(src.p->yax_info, rows[i], &at, &length) == 1 ||
+                 emptyPayload(src.p->yax_info, rows[i], &length)) &&
                 length >= 0 && length <= int64_t{UINT32_MAX};
         if (found) {
             blocks[i] = {YAX_TONEPHOTO_SOUND_TYPE, name, len, static_cast<uint32_t>(length)};
@@ -450,8 +462,9 @@ YAX_EXPORT int copyTonePhotoData(const char *src_path, const char *dst_path) {
         const int r = yax::tone::writeToneSet(
             out, static_cast<uint32_t>(at), blocks, n, nullptr, 0, kCopyTag, [&](uint32_t i) {
                 if (i == n) return _qfwrite(list.unit.p->data, list.unit.p->data_length, out) != -1;
-                return yaxStreamYAXData(src.p, rows[i], YAX_STREAM_PAYLOAD, out) ==
-                       int64_t{blocks[i].payload_len};
+                return blocks[i].payload_len == 0 ||
+                       yaxStreamYAXData(src.p, rows[i], YAX_STREAM_PAYLOAD, out) ==
+                           int64_t{blocks[i].payload_len};
             });
         _qfclose(out);
         return r;
