@@ -525,3 +525,30 @@ TEST_F(SoundApi, ChecksAndTheStreamRecord) {
     destroyAudioStreamBuffer(s), destroyAudioStreamBuffer(none), destroyAudioStreamBuffer(nullptr);
     destroyYAXDATA(yd);
 }
+
+// Entries and sounds edited in turn, the file checked after each step.
+TEST_F(SoundApi, MixedEditsWithSounds) {
+    const Entry k = user("k", "twelve bytes"), s = sound("s", "S"), l = toneList({"s"}), z{2, "z", "Z", ""};
+    const uint32_t F = tb::blockLength(k), q = P + F, Ls = tb::blockLength(s), Ll = tb::blockLength(l);
+    const uint32_t filler = 0x7FFEu << 16;
+    put(host());
+    ASSERT_EQ(saveYAXDataToFile(file.c_str(), "k", 1, nullptr, 0, k.payload.data(), 12, 1, 0), 1);
+    expectFile(host() + tb::trailer({k}), "entry");
+    EXPECT_EQ(save("s", "S"), 1);
+    const Bytes snd = vono1(q + 9, q + 10);
+    expectFile(host() + tb::trailer({k, s, l}) + snd, "sound");
+    // the fast delete keeps the length: the end record stays behind the new tail
+    EXPECT_EQ(deleteFastAYAXData(file.c_str(), "k"), 1);
+    expectFile(host() + tb::fillerBlock(F) + tb::block(s) + tb::block(l) +
+                   tb::header({{filler, F + Ls + Ll, F}, {256 << 16, Ls + Ll, Ls}, {2048 << 16, Ll, Ll}}) + snd,
+               "fast delete");
+    // the sound, then its list; each delete pulls the end record back, as
+    // no "TonePhoto_000" is listed
+    EXPECT_EQ(deleteVonoFromImageFile(file.c_str(), "s"), 1);
+    const Bytes moved = vono1(q + 9 - Ls - Ll, q + 10 - Ls - Ll);
+    expectFile(host() + tb::fillerBlock(F) + tb::header({{filler, F, F}}) + moved, "sound delete");
+    ASSERT_EQ(saveYAXDataToFile(file.c_str(), "z", 1, nullptr, 0, "Z", 1, 2, 0), 1);
+    const uint32_t Lz = tb::blockLength(z);
+    expectFile(host() + tb::fillerBlock(F) + tb::block(z) + tb::header({{filler, F + Lz, F}, {2 << 16, Lz, Lz}}) + moved,
+               "save");
+}
