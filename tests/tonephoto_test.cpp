@@ -355,6 +355,13 @@ TEST_F(SoundApi, SaveRefusalsInOrderAndTheSizeLimit) {
     expectFile(host(), "refused");
     // an ending that cannot be read counts as done
     EXPECT_EQ(saveVonoToImageFile(dir.path("none.jpg").c_str(), "d", 1, "a", 1), 1);
+    // a trailer whose last block reaches into the header: the add would write over it
+    const Entry k = user("k", "K");
+    Bytes into = host() + tb::block(k) + tb::header({{1u << 16, 11, 19}});
+    put(into);
+    EXPECT_EQ(tu::capture([&] { EXPECT_EQ(save("s", "S"), 0); }),
+              errLine("YAXEncoder::NewAddVonoData", "a block of the entry table runs into the header"));
+    EXPECT_EQ(now(), into);
     // a legacy block that is not accepted (version below 105, no sounds) has no defined work
     const Bytes old = host() + tb::vonoBlock({}, 104, 13);
     put(old);

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "container/layout.hpp"
+#include "container/validate.hpp"
 #include "support/bytes.hpp"
 #include "support/io.hpp"
 #include "support/misrouted_write.hpp"
@@ -358,6 +359,10 @@ YAX_EXPORT int NewAddVonoData(YaxInfo *info, uint32_t meta_type, uint32_t sound_
         YAXLogE(kAddTag, "yax_info NULL");
         return 0;
     }
+    // The new blocks go over the header: no block may reach into it.
+    if (info->meta_count != 0 &&
+        !yax::trailerEditable(info, info->file_size, yax::kNeedRowsInside, 0, kAddTag))
+        return 0;
     FILE *fp = info->fp;
     // The new blocks start where "YAXH" was: the old header, tail and any
     // Vono block behind them are overwritten by longer content.
