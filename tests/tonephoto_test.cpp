@@ -302,6 +302,10 @@ TEST_F(SoundApi, SaveIntoEachKindOfFile) {
         Bytes after;
     } cases[] = {
         {"plain image, 1-byte name and sound", host(), "r", "X", plain},
+        // a name longer than the 1000 bytes a list buffer once had
+        {"plain image, 1024-byte name", host(), std::string(1024, 'n'), "X",
+         host() + tb::trailer({sound(std::string(1024, 'n'), "X"), toneList({std::string(1024, 'n')})}) +
+             vono1(P + 8 + 1024, P + 8 + 1025)},
         // the old sound becomes "TonePhoto_000", the list names both
         {"legacy block with a sound", host() + tb::bytes("old!") + vono1(P, P + 4), "rain", "RAIN",
          host() + tb::trailer({toneSound("old!"), toneList({"TonePhoto_000", "rain"}), sound("rain", "RAIN")}) +

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <vector>
 
 #include "api/edit_group.hpp"
 #include "vono/tone_set.hpp"
@@ -31,7 +32,6 @@ constexpr char kMetaName[] = "TonePhoto_Meta_Info";
 constexpr uint32_t kMetaNameLength = sizeof kMetaName - 1;
 constexpr char kFirstSoundName[] = "TonePhoto_000";
 constexpr uint32_t kFirstSoundNameLength = sizeof kFirstSoundName - 1;
-constexpr uint32_t kFirstListBuffer = 1000;
 constexpr uint32_t kLargestSound = 0xFFF00000u;
 constexpr uint32_t kNotFound = 0xFFFFFFFFu;
 
@@ -40,6 +40,11 @@ bool accepted(const VonoInfo *v) { return v != nullptr && (v->version >= 105 || 
 struct Yax {
     YAXDATA *p = nullptr;
     ~Yax() { destroyYAXDATA(p); }
+};
+// A record parsed from another record's stream: released without closing it.
+struct YaxOnStream {
+    YAXDATA *p = nullptr;
+    ~YaxOnStream() { destroyYAXDATA_FP(p); }
 };
 struct Unit {
     YAXDATA_UNIT *p = nullptr;
@@ -94,14 +99,25 @@ int asOneEdit(const char *path, Edit edit) {
     return group.finish(edit());
 }
 
+// A list built from scratch: its buffer holds the fixed words, the length
+// words and the names, however long they are.
+struct NewList {
+    std::vector<unsigned char> bytes;
+    uint32_t length = 0;
+    NewList(const char *name, uint32_t len) : bytes(16 + size_t{len}) {
+        length = makeFirstVonoHeader(bytes.data(), name, len);
+    }
+    NewList(const char *name1, uint32_t len1, const char *name2, uint32_t len2)
+        : bytes(20 + size_t{len1} + len2) {
+        length = makeSecondVonoHeader(bytes.data(), name1, len1, name2, len2);
+    }
+};
+
 int saveIntoPlainImage(const char *path, const void *data, uint32_t data_len, const char *name,
                        uint32_t name_len) {
-    unsigned char list[kFirstListBuffer];
-    if (name_len + 16 > sizeof list) return 0;  // the first list must fit its buffer
-    const uint32_t n = makeFirstVonoHeader(list, name, name_len);
-    if (n == 0) return 0;
+    const NewList list(name, name_len);
     return NewAddVonoDataInFirstTime(path, YAX_TONEPHOTO_META_TYPE, YAX_TONEPHOTO_SOUND_TYPE, name,
-                                     name_len, data, data_len, list, n);
+                                     name_len, data, data_len, list.bytes.data(), list.length);
 }
 
 int saveIntoLegacy(const char *path, const void *data, uint32_t data_len, const char *name,
@@ -112,21 +128,18 @@ int saveIntoLegacy(const char *path, const void *data, uint32_t data_len, const 
         DestroyVono(v);
         return 0;
     }
-    unsigned char list[kFirstListBuffer];
     if (v->count == 0) {
         DestroyVono(v);
-        const uint32_t n = makeFirstVonoHeader(list, kFirstSoundName, kFirstSoundNameLength);
         // The list names "TonePhoto_000" while the entry carries the caller's name.
+        const NewList list(kFirstSoundName, kFirstSoundNameLength);
         return NewAddVonoDataInFirstTime(path, YAX_TONEPHOTO_META_TYPE, YAX_TONEPHOTO_SOUND_TYPE,
-                                         name, name_len, data, data_len, list, n);
+                                         name, name_len, data, data_len, list.bytes.data(),
+                                         list.length);
     }
     const uint32_t old_len = v->offsets[1] - v->offsets[0];
     unsigned char *old = _getAudioStreamBuffer(v);
     DestroyVono(v);
-    if (old == nullptr || kFirstSoundNameLength + name_len + 24 > sizeof list) {
-        _qfree(old);
-        return 0;
-    }
+    if (old == nullptr) return 0;
     // The drop reports success whatever happened; the ending tells.
     deleteAVono(path);
     if (getSignature(path) != SIGNATURE_NONE) {
@@ -134,11 +147,11 @@ int saveIntoLegacy(const char *path, const void *data, uint32_t data_len, const 
         YAXLogE(kSaveTag, "the legacy sound could not be taken out");
         return 0;
     }
-    const uint32_t n =
-        makeSecondVonoHeader(list, kFirstSoundName, kFirstSoundNameLength, name, name_len);
+    const NewList list(kFirstSoundName, kFirstSoundNameLength, name, name_len);
     const int r = NewAddVonoDataInFirstTime(path, YAX_TONEPHOTO_META_TYPE,
                                             YAX_TONEPHOTO_SOUND_TYPE, kFirstSoundName,
-                                            kFirstSoundNameLength, old, old_len, list, n);
+                                            kFirstSoundNameLength, old, old_len,
+                                            list.bytes.data(), list.length);
     _qfree(old);
     if (r == 0) return 0;
     return saveYAXDataToFile(path, name, name_len, nullptr, 0, data, data_len,
@@ -152,68 +165,47 @@ int saveIntoTrailer(const char *path, const void *data, uint32_t data_len, const
     if (checkYAXInfoForSaving(y.p->yax_info, data_len, 0, name_len) != 1) return 0;
     const uint32_t same = _getIndexOfName(y.p, name);
     if (same != kNotFound) {
-        DeleteAYAXData(path, y.p->yax_info, same, nullptr);
+        if (DeleteAYAXData(path, y.p->yax_info, same, nullptr) != 1) return 0;
         destroyYAXDATA(y.p);
         y.p = checkYAXInFile(path);
         if (y.p == nullptr) return 0;
     }
-    unsigned char list[kFirstListBuffer];
-    if (name_len + 16 > sizeof list) return 0;
-    const uint32_t n = makeFirstVonoHeader(list, name, name_len);
+    const NewList list(name, name_len);
     // An older name list is left where it is.
     return NewAddVonoData(y.p->yax_info, YAX_TONEPHOTO_META_TYPE, YAX_TONEPHOTO_SOUND_TYPE, name,
-                          name_len, data, data_len, list, n);
+                          name_len, data, data_len, list.bytes.data(), list.length);
 }
 
 int saveIntoTrailerAndLegacy(const char *path, const void *data, uint32_t data_len,
                              const char *name, uint32_t name_len) {
-    Vono v{checkVonoInFile(path)};
-    if (v.p == nullptr) return 0;
-    Yax y{checkYAXInFP(v.p->fp)};
-    if (y.p == nullptr) return 0;
-    if (checkYAXInfoForSaving(y.p->yax_info, data_len, 0, name_len) != 1) {
-        destroyYAXDATA_FP(y.p);
-        y.p = nullptr;
+    std::vector<unsigned char> list;
+    uint32_t n = 0;
+    {
+        // The trailer is read through the legacy record's stream, and both
+        // are let go before the saves open the file again.
+        Vono v{checkVonoInFile(path)};
+        if (v.p == nullptr) return 0;
+        YaxOnStream y{checkYAXInFP(v.p->fp)};
+        if (y.p == nullptr) return 0;
+        if (checkYAXInfoForSaving(y.p->yax_info, data_len, 0, name_len) != 1) return 0;
+        uint32_t meta_index = kNotFound;
+        Unit meta{metaEntry(y.p, &meta_index)};
+        if (meta.p != nullptr && isIdenticalNameInMetaInfo(meta.p, name) == 1) {
+            n = 0;  // a listed name: only its sound is replaced
+        } else {
+            if (meta.p == nullptr) return 0;
+            // The list grown by one name: the old payload, the new length
+            // word and the name.
+            list.resize(size_t{meta.p->data_length} + name_len + 4);
+            n = makeAddVonoHeader(list.data(), y.p->yax_info, meta_index, 0, name, name_len);
+            if (n == 0) return 0;
+        }
+    }
+    if (n != 0 && saveYAXDataToFile(path, kMetaName, kMetaNameLength, nullptr, 0, list.data(), n,
+                                    YAX_TONEPHOTO_META_TYPE, 1) != 1)
         return 0;
-    }
-    uint32_t meta_index = kNotFound;
-    Unit meta{metaEntry(y.p, &meta_index)};
-    if (meta.p != nullptr && isIdenticalNameInMetaInfo(meta.p, name) == 1) {
-        destroyYAXDATA_FP(y.p);
-        y.p = nullptr;
-        DestroyVono(v.p);
-        v.p = nullptr;
-        return saveYAXDataToFile(path, name, name_len, nullptr, 0, data, data_len,
-                                 YAX_TONEPHOTO_SOUND_TYPE, 1);
-    }
-    if (meta.p == nullptr) {
-        destroyYAXDATA_FP(y.p);
-        y.p = nullptr;
-        return 0;
-    }
-    // Room for the list grown by one name: the old payload, the new length
-    // word and the name.
-    const uint64_t room = uint64_t(y.p->count) * 100 + meta.p->data_length + name_len + 8;
-    auto *list = static_cast<unsigned char *>(_qcalloc(1, size_t(room)));
-    if (list == nullptr) {
-        destroyYAXDATA_FP(y.p);
-        y.p = nullptr;
-        return 0;
-    }
-    const uint32_t n = makeAddVonoHeader(list, y.p->yax_info, meta_index, 0, name, name_len);
-    destroyYAXDATA_FP(y.p);
-    y.p = nullptr;
-    DestroyVono(v.p);
-    v.p = nullptr;
-    int r = 0;
-    if (n != 0)
-        r = saveYAXDataToFile(path, kMetaName, kMetaNameLength, nullptr, 0, list, n,
-                              YAX_TONEPHOTO_META_TYPE, 1);
-    if (r == 1)
-        r = saveYAXDataToFile(path, name, name_len, nullptr, 0, data, data_len,
-                              YAX_TONEPHOTO_SOUND_TYPE, 1);
-    _qfree(list);
-    return r;
+    return saveYAXDataToFile(path, name, name_len, nullptr, 0, data, data_len,
+                             YAX_TONEPHOTO_SOUND_TYPE, 1);
 }
 
 }  // namespace
