@@ -467,6 +467,7 @@ TEST_F(ToolTest, Mp4EditsKeepOneSizedBoxAndTheVideo) {
     };
     const std::string before = probe();
     const Entry a{1, "a", "x", ""}, b{1, "b", "payload-b", ""}, a2{1, "a", std::string(40, 'y'), ""};
+    const Entry snd{256, "s", "S", ""}, sndList{2048, "TonePhoto_Meta_Info", text(tb::toneList({"s"})), ""};
     auto box = [&](const std::vector<Entry> &entries) {
         const Bytes t = tb::trailer(entries);
         return clip + Builder().u32be(uint32_t(t.size() + 8)).str("yaxd").done() + t;
@@ -490,6 +491,9 @@ TEST_F(ToolTest, Mp4EditsKeepOneSizedBoxAndTheVideo) {
         {{"clear", video}, "", clip, ""},
         {{"put", video, "a", "-"}, a.payload, box({a}), ""},
         {{"rm", video, "a"}, "", clip, ""},
+        // a sound and its list through the MP4 save, then gone again
+        {{"sound", "add", video, "s", "-"}, "S", box({snd, sndList}), ""},
+        {{"sound", "rm", video, "s"}, "", clip, ""},
     };
     for (const auto &s : steps) {
         SCOPED_TRACE(s.command[0] + " step " + std::to_string(&s - steps));
