@@ -32,9 +32,10 @@ int64_t changeStart(FILE *fp, const char *key, bool replace) {
         }
         break;
     case SIGNATURE_VONO:
-        if (VonoInfo *v = _checkAudioInImageFP(fp)) {
-            if (v->count > 0 && v->offsets != nullptr) from = v->offsets[0];
-            v->fp = nullptr;
+        // Parsed without the checking reader, which closes the stream when
+        // the table cannot be read: this stream is closed by its opener.
+        if (VonoInfo *v = ParseVonoFP(fp)) {
+            if (ParseVonoSound(v) == 1 && v->count > 0 && v->offsets != nullptr) from = v->offsets[0];
             DestroyVonoFP(v);
         }
         break;

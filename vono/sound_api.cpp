@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "api/edit_group.hpp"
+#include "api/legacy_for_delete.hpp"
 #include "vono/tone_set.hpp"
 #include "vono/tonephoto_payload.hpp"
 #include "yax_api.h"
@@ -292,17 +293,12 @@ YAX_EXPORT int deleteTonePhotoDataFromFilebyName(YAXDATA **handle, const char *n
         (*handle)->filename == nullptr || name == nullptr || name_len == 0)
         return 0;
     YAXDATA *y = *handle;
-    Vono v{_checkAudioInImageFile(y->filename)};
-    if (v.p != nullptr && v.p->fp != nullptr) {
-        _qfclose(v.p->fp);
-        v.p->fp = nullptr;
-    }
+    bool unreadable = false;
+    Vono v{yax::api::legacyForDelete(y, &unreadable, "VonoAPIs::deleteTonePhotoDataFromFilebyName")};
+    if (unreadable) return 0;
     const uint32_t index = _getIndexOfName(y, name);
     if (index == kNotFound) return 0;
-    const uint32_t first = _getIndexOfName(y, kFirstSoundName);
-    // Without a "TonePhoto_000" entry every index counts as lying before it,
-    // as in the trailer's own delete by name.
-    if (v.p != nullptr) v.p->sound_moved = index < first ? 1 : 0;
+    yax::api::markSoundMoved(y, v.p, index);
     return deleteATonePhotoData(y->filename, y->yax_info, index, v.p, n);
 }
 
@@ -342,26 +338,38 @@ YAX_EXPORT int deleteVonoFromImageFile(const char *path, const char *name) {
             return 0;
         }
         const uint32_t name_len = static_cast<uint32_t>(std::strlen(name));
+        // A name the trailer does not hold is no failure (the list still
+        // shrinks); a delete or save that fails is, and in the safe-edit
+        // mode the group then puts the file back.
+        // (the record turns null only when the file could not be read again)
+        auto gone = [&](const char *what, uint32_t len) {
+            if (y == nullptr) return false;
+            if (_getIndexOfName(y, what) == kNotFound) return true;
+            return deleteYAXDataFromFilebyName(&y, what, static_cast<int>(len)) == 1;
+        };
+        int result = 1;
         if (n == 1) {
-            deleteYAXDataFromFilebyName(&y, name, static_cast<int>(name_len));
-            deleteYAXDataFromFilebyName(&y, kMetaName, static_cast<int>(kMetaNameLength));
+            result = gone(name, name_len) && gone(kMetaName, kMetaNameLength) ? 1 : 0;
         } else {
             // The shrunk list is never longer than the old one.
-            auto *shrunk = static_cast<unsigned char *>(_qcalloc(1, list.unit.p->data_length + 16));
-            const uint32_t len =
-                shrunk != nullptr ? makeMinusVonoHeader(shrunk, y->yax_info, list.index, 0, name)
-                                  : 0;
+            std::vector<unsigned char> shrunk(size_t{list.unit.p->data_length} + 16);
+            const uint32_t len = makeMinusVonoHeader(shrunk.data(), y->yax_info, list.index, 0, name);
             destroyYAXDATA(y);
             y = nullptr;
-            if (len != 0 && saveYAXDataToFile(path, kMetaName, kMetaNameLength, nullptr, 0, shrunk,
-                                              len, YAX_TONEPHOTO_META_TYPE, 1) == 1) {
+            result = len != 0 && saveYAXDataToFile(path, kMetaName, kMetaNameLength, nullptr, 0,
+                                                   shrunk.data(), len, YAX_TONEPHOTO_META_TYPE, 1) == 1
+                         ? 1
+                         : 0;
+            if (result == 1) {
                 y = checkYAXInFile(path);
-                if (y != nullptr) deleteTonePhotoDataFromFilebyName(&y, name, name_len, n);
+                if (y == nullptr) result = 0;
+                else if (_getIndexOfName(y, name) != kNotFound &&
+                         deleteTonePhotoDataFromFilebyName(&y, name, name_len, n) != 1)
+                    result = 0;
             }
-            _qfree(shrunk);
         }
         destroyYAXDATA(y);
-        return 1;
+        return result;
     });
 }
 
@@ -370,8 +378,9 @@ YAX_EXPORT int deleteAllVonoFromImageFile(const char *path) {
     if (s >= SIGNATURE_NONE && s <= SIGNATURE_YAX) return 0;
     if (s != SIGNATURE_VONO_YAX) return 1;
     return asOneEdit(path, [&] {
+        // a trailer that cannot be read: nothing was deleted
         YAXDATA *y = checkYAXInFile(path);
-        if (y == nullptr) return 1;
+        if (y == nullptr) return 0;
         {
             // A list that overruns its entry names nothing to delete, and the
             // last step would take every entry with it: refused.
@@ -384,15 +393,24 @@ YAX_EXPORT int deleteAllVonoFromImageFile(const char *path) {
         char **names = nullptr;
         uint32_t count = 0;
         getTonePhotoNameList(y, &names, &count);
+        int result = 1;
         for (uint32_t i = 0; i < count && y != nullptr; ++i) {
-            if (names[i] != nullptr)
-                deleteYAXDataFromFilebyName(&y, names[i], static_cast<int>(std::strlen(names[i])));
+            // a listed name the trailer does not hold is passed over
+            if (names[i] != nullptr && _getIndexOfName(y, names[i]) != kNotFound &&
+                deleteYAXDataFromFilebyName(&y, names[i], static_cast<int>(std::strlen(names[i]))) != 1)
+                result = 0;
         }
         for (uint32_t i = 0; i < count; ++i) _qfree(names[i]);
         _qfree(names);
-        if (y != nullptr) deleteTonePhotoDataFromFilebyName(&y, kMetaName, kMetaNameLength, 1);
+        if (y == nullptr) result = 0;  // the list is still there: the file could not be read again
+        // The list goes last, and with it everything behind the image; that
+        // step reports 1 whatever happened, so the ending tells.
+        if (result == 1 && y != nullptr) {
+            deleteTonePhotoDataFromFilebyName(&y, kMetaName, kMetaNameLength, 1);
+            if (getSignature(path) != SIGNATURE_NONE) result = 0;
+        }
         destroyYAXDATA(y);
-        return 1;
+        return result;
     });
 }
 

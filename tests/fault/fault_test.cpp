@@ -16,6 +16,7 @@
 #include "testutil.hpp"
 #include "yax_api.h"
 #include "yax_support.h"
+#include "yax_vono.h"
 
 int yax_main(int argc, char **argv);
 
@@ -165,6 +166,33 @@ TEST(InjectedFaults, EverySafeModeLibraryEdit) {
     yaxSetSafeEdit(1);
     for (const Edit &e : kEdits) underFaults(e.what, e.run, e.result_tells);
     underFaults("first add", [](const char *p) { return save(p, "new", false, 0); }, true, kImage);
+    yaxSetSafeEdit(0);
+}
+
+// The sound edits, each from the kind of file it works on: several steps
+// each (drop the legacy block then add, rewrite the list then delete), one
+// edit in the safe mode.
+TEST(InjectedFaults, EverySafeModeSoundEdit) {
+    const tb::Entry t0{256, "TonePhoto_000", "soundbytes", ""}, k{1, "k", "K", ""}, b{256, "b", "BB", ""};
+    const Bytes list = tb::toneList({"TonePhoto_000", "b"});
+    const tb::Entry meta{2048, "TonePhoto_Meta_Info", std::string(list.begin(), list.end()), ""};
+    const auto at = uint32_t(kImage.size() + 8 + 13);
+    const Bytes tone = kImage + tb::trailer({t0, k, b, meta}) + tb::vonoBlock({{at, at + 10}});
+    const Bytes legacy = kImage + tb::bytes("soundbytes") +
+                         tb::vonoBlock({{uint32_t(kImage.size()), uint32_t(kImage.size() + 10)}});
+    tu::TempDir other;
+    const std::string src = other.path("src.jpg");
+    tu::writeFile(src, tone);
+    auto sound = [](const char *p, const char *name) { return saveVonoToImageFile(p, "RAIN", 4, name, uint32_t(strlen(name))); };
+    yaxSetSafeEdit(1);
+    underFaults("sound into a plain image", [&](const char *p) { return sound(p, "rain"); }, true, kImage);
+    underFaults("sound into a legacy block", [&](const char *p) { return sound(p, "rain"); }, true, legacy);
+    underFaults("sound beside listed ones", [&](const char *p) { return sound(p, "c"); }, true, tone);
+    underFaults("listed sound replaced", [&](const char *p) { return sound(p, "b"); }, true, tone);
+    underFaults("sound into a trailer", [&](const char *p) { return sound(p, "rain"); }, true, kStart);
+    underFaults("sound delete", [](const char *p) { return deleteVonoFromImageFile(p, "b"); }, true, tone);
+    underFaults("sound delete all", [](const char *p) { return deleteAllVonoFromImageFile(p); }, true, tone);
+    underFaults("sound set copy", [&](const char *p) { return copyTonePhotoData(src.c_str(), p); }, true, kImage);
     yaxSetSafeEdit(0);
 }
 
