@@ -415,6 +415,23 @@ TEST_F(SoundApi, DeleteByNameMovesTheEndRecordOnlyForEntriesInFrontOfTheFirstSou
     destroyYAXDATA(yd);
     expectFile(host() + tb::trailer({all[0], all[1], all[3]}), "n = 0");
     EXPECT_EQ(deleteTonePhotoDataFromFilebyIndex(), 0);  // a placeholder
+
+    // a legacy tail whose record cannot be read: both deletes by name refuse
+    // rather than drop it
+    Bytes bad = host() + tb::trailer(all) + vono1(at, at + 4);
+    bad[bad.size() - 30] = 'X';  // "XONO"
+    put(bad);
+    yd = checkYAXInFile(file.c_str());
+    ASSERT_NE(yd, nullptr);
+    const std::string line = "the legacy audio record behind the trailer cannot be read";
+    EXPECT_EQ(tu::capture([&] { EXPECT_EQ(deleteTonePhotoDataFromFilebyName(&yd, "b", 1, 2), 0); }),
+              errLine("Vono::ParseVono", "file has no suond FSIG") +
+                  errLine("VonoAPIs::deleteTonePhotoDataFromFilebyName", line));
+    EXPECT_EQ(tu::capture([&] { EXPECT_EQ(deleteYAXDataFromFilebyName(&yd, "b", 1), 0); }),
+              errLine("Vono::ParseVono", "file has no suond FSIG") +
+                  errLine("YAXAPIs::deleteYAXDataFromFilebyName", line));
+    destroyYAXDATA(yd);
+    EXPECT_EQ(now(), bad);
 }
 
 TEST_F(SoundApi, DeleteOneTheLastAndAllSounds) {
@@ -443,9 +460,12 @@ TEST_F(SoundApi, DeleteOneTheLastAndAllSounds) {
     expectFile(host() + emptyVono(P + 21, P + 23), "the last sound");
 
     // all sounds, and every other entry with them: the bare image
-    put(three);
-    EXPECT_EQ(deleteAllVonoFromImageFile(file.c_str()), 1);
-    expectFile(host(), "all");
+    for (const Bytes &b : {three, host() + tb::trailer({user("k", ""), t0, toneList({"TonePhoto_000"})}) +
+                                      vono1(P + 9 + 21, P + 9 + 23)}) {
+        put(b);
+        EXPECT_EQ(deleteAllVonoFromImageFile(file.c_str()), 1);
+        expectFile(host(), "all");
+    }
     for (const Bytes &b : {host(), host() + tb::trailer({user("k", "")}), host() + tb::bytes("s") + vono1(P, P + 1)}) {
         put(b);
         EXPECT_EQ(deleteAllVonoFromImageFile(file.c_str()), 0);  // signatures 1 to 3
