@@ -215,13 +215,13 @@ TEST(InjectedFaults, EveryEditingCommandOfTheTool) {
         {"put", "--fast", "--replace", "s", one},
         {"rm", "second", "s"},             {"rm", "--fast", "second"},
         {"rm", "--fast", "s"},             {"clear"},
-        {"clear", "--fast"}};
+        {"clear", "--fast"},               {"sound", "add", "rain", payload}};
     for (const auto &c : commands) {
         std::string what = "yax";
         for (const auto &w : c) what += " " + w;
         underFaults(what, [&c](const char *p) {
             std::vector<std::string> args = c;
-            args.insert(args.begin() + 1, p);
+            args.insert(args.begin() + (c[0] == "sound" ? 2 : 1), p);
             return yax(args) == 0 ? 1 : 0;
         }, true);
     }
