@@ -533,6 +533,17 @@ TEST_F(SoundApi, CopyAppendsTheSetBehindTheDestination) {
     const Bytes converted = host() + tb::trailer({toneSound("old!"), toneMeta()}) + vono1(P + 21, P + 25);
     EXPECT_EQ(tu::readFile(src), converted);
     expectFile(converted, "copyVonoData");
+    // two listed sounds, saved one after the other
+    tu::writeFile(src, host() + tb::trailer({user("k", ""), toneSound("S0"), sound("b", "B"),
+                                             toneList({"TonePhoto_000", "b"})}) + vono1(1, 2));
+    put(host());
+    EXPECT_EQ(copyVonoData(src.c_str(), file.c_str()), 1);
+    expectFile(host() + tb::trailer({toneSound("S0"), toneList({"TonePhoto_000", "b"}), sound("b", "B")}) +
+                   vono1(P + 21, P + 23),
+               "copyVonoData, two sounds");
+    // nothing listed to copy: 0
+    tu::writeFile(src, host() + tb::trailer({user("k", "")}));
+    EXPECT_EQ(copyVonoData(src.c_str(), file.c_str()), 0);
 }
 
 TEST_F(SoundApi, ChecksAndTheStreamRecord) {
