@@ -332,6 +332,8 @@ TEST_F(SoundApi, SaveIntoEachKindOfFile) {
          host() + tb::trailer({k, sound("s", "S"), toneList({"s"})}) + vono1(q + 9, q + 10)},
         {"trailer with an entry of that name", host() + tb::trailer({k, user("s", "old")}), "s", "S",
          host() + tb::trailer({k, sound("s", "S"), toneList({"s"})}) + vono1(q + 9, q + 10)},
+        // the only entry had the name: the image is bare after its delete
+        {"trailer of that name alone", host() + tb::trailer({user("r", "old")}), "r", "X", plain},
         // a new name: the list is replaced (and moves behind), the sound appended
         {"trailer and legacy block", plain, "t", "TT",
          host() + tb::trailer({r, toneList({"r", "t"}), sound("t", "TT")}) + vono1(P + 9, P + 10)},

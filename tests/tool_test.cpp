@@ -312,6 +312,18 @@ TEST_F(ToolTest, SoundsOnImages) {
     EXPECT_EQ(yax({"sound", "rm", image, "x"}), ok());
     EXPECT_EQ(tu::readFile(image), jpeg + tb::trailer({t0, list({"TonePhoto_000"})}) + tb::vonoBlock({{P + 21, P + 24}}));
 
+    // what an add that stopped part way leaves: an unlisted sound entry is
+    // taken over, a listed name without an entry comes off the list
+    tu::writeFile(image, jpeg + tb::trailer({snd("r", "old")}));
+    EXPECT_EQ(yax({"sound", "add", image, "r", "-"}, "R"), ok());
+    EXPECT_EQ(tu::readFile(image), jpeg + tb::trailer({r, list({"r"})}) + tb::vonoBlock({{P + 9, P + 10}}));
+    tu::writeFile(image, jpeg + tb::trailer({r, list({"r", "ghost"})}));
+    EXPECT_EQ(yax({"list", image}), ok("0\tr\t256\t1\t0\t" + at(9) + "\ttonephoto-sound\n1\tTonePhoto_Meta_Info\t2048\t" +
+                                       "26\t0\t" + at(37) + "\ttonephoto-list\nsound0\tr\t-\t1\t-\t" + at(9) +
+                                       "\tsound\nsound1\tghost\t-\t-\t-\t-\tmissing-sound\n"));
+    EXPECT_EQ(std::get<0>(yax({"sound", "rm", image, "ghost"})), 0);
+    EXPECT_EQ(tu::readFile(image), jpeg + tb::trailer({r, list({"r"})}));
+
     // refusals: one line, exit 1, the file untouched
     tu::writeFile(image, legacy);
     ASSERT_EQ(std::get<0>(yax({"put", image, "note", "-"}, "n")), 0);

@@ -134,7 +134,8 @@ int cmdSoundAdd(const std::string &path, const std::string &name, const std::str
     if (c.mp4 && hasLegacy(c.signature))
         return fail(path + ": the MP4 file ends in a legacy audio block, which its save cannot extend");
     const Entry *same = findEntry(c, name);
-    if (same != nullptr && same->kind != "tonephoto-sound")
+    // (an unlisted sound entry, as an interrupted add leaves it, may be replaced)
+    if (same != nullptr && same->kind != "tonephoto-sound" && same->type != YAX_TONEPHOTO_SOUND_TYPE)
         return fail(path + ": an entry named " + quoted(name) + " exists and is not a sound; remove it first");
     const bool hasList = findEntry(c, kToneListName) != nullptr;
     // The library's own save, where it keeps the list: a plain image, a legacy
@@ -226,8 +227,21 @@ int cmdSoundRm(const std::string &path, const std::string &name) {
         if (signatureOf(path) != SIGNATURE_NONE) return fail(path + ": removing the legacy sound failed");
         return kOk;
     }
-    if (!listed(c, name) || findEntry(c, name) == nullptr) return fail(path + ": no sound named " + quoted(name));
+    if (!listed(c, name)) return fail(path + ": no sound named " + quoted(name));
     const std::vector<std::string> want = without(c.tonePhoto, name);
+    if (findEntry(c, name) == nullptr) {
+        // Listed without an entry (an add that stopped part way): only the list changes.
+        note(path, quoted(name) + " is listed but not stored; taking it off the name list");
+        const bool ok = want.empty() ? deleteByName(path, {kToneListName})
+                                     : saveToneEntry(path, c, kToneListName, toneListPayload(want),
+                                                     YAX_TONEPHOTO_META_TYPE);
+        if (!ok) return fail(path + ": rewriting the name list failed");
+        refreshBox(path, c);
+        std::set<std::string> listOnly;
+        if (want.empty()) listOnly.insert(kToneListName);
+        if (auto why = verifySounds(path, c, listOnly, "", want)) return unverified(path, *why);
+        return kOk;
+    }
     std::set<std::string> gone{name};
     if (want.empty()) gone.insert(kToneListName);
     bool ok;

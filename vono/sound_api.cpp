@@ -168,6 +168,11 @@ int saveIntoTrailer(const char *path, const void *data, uint32_t data_len, const
     if (same != kNotFound) {
         if (DeleteAYAXData(path, y.p->yax_info, same, nullptr) != 1) return 0;
         destroyYAXDATA(y.p);
+        y.p = nullptr;
+        // That was the only entry: the image is bare now, and takes the sound
+        // as a plain image does.
+        if (getSignature(path) == SIGNATURE_NONE)
+            return saveIntoPlainImage(path, data, data_len, name, name_len);
         y.p = checkYAXInFile(path);
         if (y.p == nullptr) return 0;
     }
