@@ -326,6 +326,9 @@ TEST_F(ToolTest, SoundsOnImages) {
 
     // refusals: one line, exit 1, the file untouched
     tu::writeFile(image, legacy);
+    EXPECT_EQ(yax({"sound", "add", image, "TonePhoto_000", "-"}, "z"),
+              failed(image + ": the legacy sound becomes 'TonePhoto_000' as it is converted; pick another name"));
+    EXPECT_EQ(tu::readFile(image), legacy);
     ASSERT_EQ(std::get<0>(yax({"put", image, "note", "-"}, "n")), 0);
     const Bytes kept = tu::readFile(image);
     const std::string empty = dir.path("empty.wav");

@@ -133,6 +133,8 @@ int cmdSoundAdd(const std::string &path, const std::string &name, const std::str
     if (c.legacyUnreadable) return fail(path + ": the legacy audio block is damaged and cannot be read");
     if (c.mp4 && hasLegacy(c.signature))
         return fail(path + ": the MP4 file ends in a legacy audio block, which its save cannot extend");
+    if (c.signature == SIGNATURE_VONO && !c.legacy.empty() && name == "TonePhoto_000")
+        return fail(path + ": the legacy sound becomes 'TonePhoto_000' as it is converted; pick another name");
     const Entry *same = findEntry(c, name);
     // (an unlisted sound entry, as an interrupted add leaves it, may be replaced)
     if (same != nullptr && same->kind != "tonephoto-sound" && same->type != YAX_TONEPHOTO_SOUND_TYPE)
@@ -176,8 +178,15 @@ int cmdSoundAdd(const std::string &path, const std::string &name, const std::str
     const Entry *e = nullptr;
     Contents check;
     if (!readContents(path, check)) e = findEntry(check, name);
-    if (e == nullptr || !e->readable || e->length != static_cast<int64_t>(audio.size()))
-        return unverified(path, "the sound was not stored whole");
+    std::vector<unsigned char> back(audio.size());
+    bool whole = e != nullptr && e->readable && e->length == static_cast<int64_t>(audio.size());
+    if (whole) {
+        const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        whole = fd >= 0 && pread(fd, back.data(), back.size(), e->offset) == static_cast<ssize_t>(back.size()) &&
+                back == audio;
+        if (fd >= 0) close(fd);
+    }
+    if (!whole) return unverified(path, "the sound does not read back as stored");
     return kOk;
 }
 
