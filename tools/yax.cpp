@@ -332,6 +332,15 @@ std::optional<std::string> readContents(const std::string &path, Contents &c) {
             c.tonePhoto.emplace_back(yd->tonephoto_name_list[i]);
             tone.insert(c.tonePhoto.back());
         }
+        // A list that names sounds but gave none was not read (short memory):
+        // an edit must not take it for an empty one.
+        bool hasList = false;
+        for (uint32_t i = 0; i < yd->count; ++i)
+            hasList = hasList || (yd->YAX_name_list[i] != nullptr && std::strcmp(yd->YAX_name_list[i], kToneListName) == 0);
+        if (hasList && c.tonePhoto.empty() && getVonoCntInFile(yd) != 0) {
+            destroyYAXDATA(yd);
+            return path + ": the sound name list cannot be read";
+        }
         YaxInfo *info = yd->yax_info;
         if (c.mp4 && info->fp != nullptr && checkSignatureMP4Tag(info) == 1) {
             unsigned char size[4];

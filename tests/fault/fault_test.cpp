@@ -225,6 +225,21 @@ TEST(InjectedFaults, EveryEditingCommandOfTheTool) {
             return yax(args) == 0 ? 1 : 0;
         }, true);
     }
+    // the sound commands on a file holding sounds, a user entry and a legacy record
+    const tb::Entry t0{256, "TonePhoto_000", "soundbytes", ""}, k{1, "k", "K", ""}, b{256, "b", "BB", ""};
+    const Bytes list = tb::toneList({"TonePhoto_000", "b"});
+    const tb::Entry meta{2048, "TonePhoto_Meta_Info", std::string(list.begin(), list.end()), ""};
+    const auto at = uint32_t(kImage.size() + 8 + 13);
+    const Bytes tone = kImage + tb::trailer({t0, k, b, meta}) + tb::vonoBlock({{at, at + 10}});
+    for (const std::vector<std::string> &c : std::vector<std::vector<std::string>>{
+             {"add", "c", payload}, {"add", "b", payload}, {"rm", "b"}, {"clear"}}) {
+        underFaults("yax sound " + c[0] + (c.size() > 1 ? " " + c[1] : ""), [&c](const char *p) {
+            std::vector<std::string> args = c;
+            args.insert(args.begin(), "sound");
+            args.insert(args.begin() + 2, p);
+            return yax(args) == 0 ? 1 : 0;
+        }, true, tone);
+    }
     yaxSetSafeEdit(0);
 }
 
