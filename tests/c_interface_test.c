@@ -79,6 +79,8 @@ int main(void) {
         CHECK(deleteTonePhotoDataFromFilebyIndex() == 0);
         CHECK(checkVonoInBuffer(NULL) == NULL);
         CHECK(copyTonePhotoData(NULL, "b.jpg") == 0 && copyVonoData("a.jpg", NULL) == 0);
+        YaxEditGroup *g = yaxBeginEdit("no-such-file.jpg");
+        CHECK(g != NULL && yaxEndEdit(g, 1) == 1 && yaxEndEdit(NULL, 1) == 0);
     }
     printf("%d passed, %d failed\n", failures == 0 ? 1 : 0, failures == 0 ? 0 : 1);
     return failures == 0 ? 0 : 1;

@@ -611,3 +611,30 @@ TEST_F(SoundApi, MixedEditsWithSounds) {
     expectFile(host() + tb::fillerBlock(F) + tb::block(z) + tb::header({{filler, F + Lz, F}, {2 << 16, Lz, Lz}}) + moved,
                "save");
 }
+
+// Several edits as one: put back on yaxEndEdit(.., 0) in the safe-edit mode,
+// kept on 1; the default mode only hands the result through.
+TEST_F(SoundApi, EditGroupsPutSeveralEditsBack) {
+    const Bytes start = host() + tb::trailer({user("k", "K")});
+    for (int safe : {1, 0}) {
+        yaxSetSafeEdit(safe);
+        for (int keep : {0, 1}) {
+            put(start);
+            YaxEditGroup *g = yaxBeginEdit(file.c_str());
+            ASSERT_NE(g, nullptr);
+            ASSERT_EQ(save("s", "S"), 1);
+            YAXDATA *yd = checkYAXInFile(file.c_str());
+            ASSERT_EQ(deleteYAXDataFromFilebyName(&yd, "k", 1), 1);
+            destroyYAXDATA(yd);
+            EXPECT_EQ(yaxEndEdit(g, keep), keep);
+            const Bytes both = host() + tb::trailer({sound("s", "S"), toneList({"s"})}) + vono1(P + 9, P + 10);
+            EXPECT_EQ(now(), safe && !keep ? start : both) << safe << keep;
+            expectAlone();
+        }
+    }
+    yaxSetSafeEdit(0);
+    EXPECT_EQ(yaxEndEdit(nullptr, 1), 0);
+    YaxEditGroup *none = yaxBeginEdit(dir.path("none.jpg").c_str());  // nothing to save
+    ASSERT_NE(none, nullptr);
+    EXPECT_EQ(yaxEndEdit(none, 1), 1);
+}

@@ -7,6 +7,8 @@
 //   yax sound clear FILE
 //
 // Included by yax.cpp after its helpers (lock, quiet guard, contents, checks).
+// A command's library edits form one edit (yaxBeginEdit): in the safe-edit
+// mode the tool runs in, a step that fails puts the whole file back.
 // Where a library call would lose something (a same-name entry that is not a
 // sound, the other entries on a clear, the wrong name dropped from the list)
 // the tool refuses or takes another way and says so on standard error. An
@@ -14,6 +16,40 @@
 // "yaxd" box sized, and no legacy end record.
 
 namespace {
+
+// The library edits of one command as one edit (yaxBeginEdit): in the
+// safe-edit mode the file is put back unless the command keeps them.
+class SoundEdit {
+public:
+    explicit SoundEdit(const std::string &path) {
+        LibraryQuiet quiet;
+        group_ = yaxBeginEdit(path.c_str());
+    }
+    ~SoundEdit() {
+        if (group_ == nullptr) return;
+        LibraryQuiet quiet;
+        yaxEndEdit(group_, 0);
+    }
+    SoundEdit(const SoundEdit &) = delete;
+    SoundEdit &operator=(const SoundEdit &) = delete;
+    bool ready() const { return group_ != nullptr; }
+    bool keep() {
+        LibraryQuiet quiet;
+        const int r = yaxEndEdit(group_, 1);
+        group_ = nullptr;
+        return r == 1;
+    }
+
+private:
+    YaxEditGroup *group_ = nullptr;
+};
+
+std::string notPrepared(const std::string &path) {
+    return path + ": the bytes this edit changes could not be saved first; nothing was changed";
+}
+std::string notKept(const std::string &path) {
+    return path + ": a write of the edit failed; the file is as it was";
+}
 
 bool listed(const Contents &c, const std::string &name) {
     for (const std::string &n : c.tonePhoto)
@@ -88,9 +124,9 @@ std::vector<std::string> without(std::vector<std::string> names, const std::stri
 // listed sound.
 int reaimLegacy(const std::string &path, const std::vector<std::string> &listedNames) {
     Contents after;
-    if (readContents(path, after) || after.signature != SIGNATURE_VONO_YAX || after.legacy.empty() ||
-        listedNames.empty())
-        return kOk;
+    if (auto why = readContents(path, after)) return unverified(path, *why);
+    if (after.legacyUnreadable) return unverified(path, "the legacy audio record cannot be read");
+    if (after.signature != SIGNATURE_VONO_YAX || after.legacy.empty() || listedNames.empty()) return kOk;
     const Entry *first = nullptr;
     for (const std::string &n : listedNames) {
         const Entry *e = findEntry(after, n);
@@ -147,6 +183,8 @@ int cmdSoundAdd(const std::string &path, const std::string &name, const std::str
                                     (c.signature == SIGNATURE_VONO_YAX && hasList));
     std::vector<std::string> want = c.tonePhoto;
     if (!listed(c, name)) want.push_back(name);
+    SoundEdit edit(path);
+    if (!edit.ready()) return fail(notPrepared(path));
     bool ok;
     if (library) {
         LibraryQuiet quiet;
@@ -187,7 +225,7 @@ int cmdSoundAdd(const std::string &path, const std::string &name, const std::str
         if (fd >= 0) close(fd);
     }
     if (!whole) return unverified(path, "the sound does not read back as stored");
-    return kOk;
+    return edit.keep() ? kOk : fail(notKept(path));
 }
 
 int cmdSoundGet(const std::string &path, const std::string &name, const std::string &outPath) {
@@ -228,15 +266,19 @@ int cmdSoundRm(const std::string &path, const std::string &name) {
     if (auto why = lock.acquire(path)) return fail(*why);
     Contents c;
     if (auto why = prepareEdit(path, c)) return fail(*why);
-    if (c.signature == SIGNATURE_VONO && !c.legacy.empty() && name == "audio0") {
+    if (c.legacyUnreadable) return fail(path + ": the legacy audio block is damaged and cannot be read");
+    const bool legacySound = c.signature == SIGNATURE_VONO && !c.legacy.empty() && name == "audio0";
+    if (!legacySound && !listed(c, name)) return fail(path + ": no sound named " + quoted(name));
+    SoundEdit edit(path);
+    if (!edit.ready()) return fail(notPrepared(path));
+    if (legacySound) {
         {
             LibraryQuiet quiet;
             deleteVonoFromImageFile(path.c_str(), name.c_str());
         }
         if (signatureOf(path) != SIGNATURE_NONE) return fail(path + ": removing the legacy sound failed");
-        return kOk;
+        return edit.keep() ? kOk : fail(notKept(path));
     }
-    if (!listed(c, name)) return fail(path + ": no sound named " + quoted(name));
     const std::vector<std::string> want = without(c.tonePhoto, name);
     if (findEntry(c, name) == nullptr) {
         // Listed without an entry (an add that stopped part way): only the list changes.
@@ -249,7 +291,7 @@ int cmdSoundRm(const std::string &path, const std::string &name) {
         std::set<std::string> listOnly;
         if (want.empty()) listOnly.insert(kToneListName);
         if (auto why = verifySounds(path, c, listOnly, "", want)) return unverified(path, *why);
-        return kOk;
+        return edit.keep() ? kOk : fail(notKept(path));
     }
     std::set<std::string> gone{name};
     if (want.empty()) gone.insert(kToneListName);
@@ -274,7 +316,8 @@ int cmdSoundRm(const std::string &path, const std::string &name) {
     if (!ok) return fail(path + ": removing the sound " + quoted(name) + " failed");
     refreshBox(path, c);
     if (auto why = verifySounds(path, c, gone, "", want)) return unverified(path, *why);
-    return reaimLegacy(path, want);
+    if (const int r = reaimLegacy(path, want); r != kOk) return r;
+    return edit.keep() ? kOk : fail(notKept(path));
 }
 
 int cmdSoundClear(const std::string &path) {
@@ -282,13 +325,16 @@ int cmdSoundClear(const std::string &path) {
     if (auto why = lock.acquire(path)) return fail(*why);
     Contents c;
     if (auto why = prepareEdit(path, c)) return fail(*why);
+    if (c.legacyUnreadable) return fail(path + ": the legacy audio block is damaged and cannot be read");
     if (c.signature == SIGNATURE_VONO) {
+        SoundEdit edit(path);
+        if (!edit.ready()) return fail(notPrepared(path));
         {
             LibraryQuiet quiet;
             deleteAVono(path.c_str());
         }
         if (signatureOf(path) != SIGNATURE_NONE) return fail(path + ": removing the legacy sound failed");
-        return kOk;
+        return edit.keep() ? kOk : fail(notKept(path));
     }
     std::set<std::string> gone;
     std::vector<std::string> doomed;
@@ -298,6 +344,8 @@ int cmdSoundClear(const std::string &path) {
     if (doomed.empty()) return kOk;
     bool others = false;
     for (const Entry &e : c.entries) others = others || (e.kind != "filler" && gone.count(e.name) == 0);
+    SoundEdit edit(path);
+    if (!edit.ready()) return fail(notPrepared(path));
     bool ok;
     if (!others) {
         // Nothing but sounds (and filler): the bare image or video comes back.
@@ -319,7 +367,7 @@ int cmdSoundClear(const std::string &path) {
     if (!ok) return fail(path + ": removing the sounds failed");
     refreshBox(path, c);
     if (auto why = verifySounds(path, c, gone, "", {})) return unverified(path, *why);
-    return kOk;
+    return edit.keep() ? kOk : fail(notKept(path));
 }
 
 // The "sound" command and its four subcommands.

@@ -232,7 +232,7 @@ TEST(InjectedFaults, EveryEditingCommandOfTheTool) {
     const auto at = uint32_t(kImage.size() + 8 + 13);
     const Bytes tone = kImage + tb::trailer({t0, k, b, meta}) + tb::vonoBlock({{at, at + 10}});
     for (const std::vector<std::string> &c : std::vector<std::vector<std::string>>{
-             {"add", "c", payload}, {"add", "b", payload}, {"rm", "b"}, {"clear"}}) {
+             {"add", "c", payload}, {"add", "b", payload}, {"rm", "b"}, {"rm", "TonePhoto_000"}, {"clear"}}) {
         underFaults("yax sound " + c[0] + (c.size() > 1 ? " " + c[1] : ""), [&c](const char *p) {
             std::vector<std::string> args = c;
             args.insert(args.begin(), "sound");
