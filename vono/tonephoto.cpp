@@ -5,15 +5,20 @@
 // Name-list payload: word0, word1, N, N name lengths, the names back to back.
 // A payload built from scratch starts with 1, 0; an edited one keeps the two
 // words it was read with.
+#include <unistd.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <vector>
 
 #include "container/layout.hpp"
 #include "container/validate.hpp"
 #include "support/bytes.hpp"
+#include "support/gather.hpp"
 #include "support/io.hpp"
 #include "support/misrouted_write.hpp"
+#include "support/safe_file.hpp"
 #include "vono/tone_set.hpp"
 #include "vono/tonephoto_payload.hpp"
 #include "yax_container.h"
@@ -82,9 +87,54 @@ void writeUnchecked(FILE *fp, uint32_t at, const SoundAndList &a, YaxEntry *cons
                     uint32_t old_count) {
     const yax::tone::SetBlock blocks[] = {{a.sound_type, a.name, a.name_len, a.data_len},
                                           {a.meta_type, kMetaName, kMetaNameLength, a.meta_len}};
-    yax::tone::writeToneSet(fp, at, blocks, 1, old_rows, old_count, nullptr, [&](uint32_t i) {
-        return i == 0 ? _qfwrite(a.data, a.data_len, fp) != -1 : _qfwrite(a.meta, a.meta_len, fp) != -1;
-    });
+    const yax::tone::SetCheck unchecked{nullptr};
+    auto blocksOut = [&] {
+        yax::tone::writeSetBlocks(fp, blocks, 1, unchecked, [&](uint32_t i) {
+            return i == 0 ? _qfwrite(a.data, a.data_len, fp) != -1 : _qfwrite(a.meta, a.meta_len, fp) != -1;
+        });
+    };
+    auto tableOut = [&] { yax::tone::writeSetTable(fp, at, blocks, 1, old_rows, old_count, unchecked); };
+    auto inOrder = [&] {
+        _qlseek64(fp, at, SEEK_SET);
+        blocksOut();
+        tableOut();
+    };
+    // Over an existing trailer the same bytes go out in an order that an
+    // interruption cannot turn into a file without one, as the adds do:
+    // blocks that end inside the old trailer go out with the table in one
+    // write; longer ones follow a table written (in one write, flushed)
+    // beyond the old end, whose old rows still point at their blocks, and a
+    // failed block write puts the old bytes and length back.
+    const int fd = fileno(fp);
+    const int64_t end = old_count == 0 ? -1 : ::lseek64(fd, 0, SEEK_END);
+    const uint64_t total = uint64_t{blocks[0].length()} + blocks[1].length();
+    if (end < int64_t{at}) return inOrder();
+    if (at + total < uint64_t(end)) {
+        yax::writeAtOnce(fp, [&] {
+            inOrder();
+            return 0;
+        });
+        return;
+    }
+    std::vector<unsigned char> old(static_cast<size_t>(end - at));
+    bool sent = ::pread64(fd, old.data(), old.size(), at) == static_cast<ssize_t>(old.size());
+    if (sent) {
+        yax::WriteGather gather(fp);
+        _qlseek64(fp, static_cast<int64_t>(at + total), SEEK_SET);
+        tableOut();
+        sent = gather.send();
+    }
+    if (!sent) return inOrder();
+    fdatasync(fd);  // the new table reaches the disk before the old one is overwritten
+    const int64_t new_end = _qlseek64(fp, 0, SEEK_END);
+    const uint64_t failures = yax::ioFailures();
+    _qlseek64(fp, at, SEEK_SET);
+    blocksOut();
+    if (yax::ioFailures() != failures &&
+        (::pwrite64(fd, old.data(), old.size(), at) != static_cast<ssize_t>(old.size()) ||
+         ::ftruncate64(fd, end) != 0))
+        yax::noteIoFailure();
+    _qlseek64(fp, new_end, SEEK_SET);
 }
 
 // The name list entry read from a parsed trailer, with its length.

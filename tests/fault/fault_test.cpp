@@ -272,10 +272,10 @@ void replay(const std::vector<fault::Op> &ops, size_t k, bool torn) {
 // Crash points of one edit (every prefix of its changes, and every prefix
 // with the last write torn in half) after which an entry the edit did not
 // target is gone or changed, counted after the safe mode's recovery.
-std::pair<int, int> crashLosses(const Edit &e, bool safe) {
+std::pair<int, int> crashLosses(const Edit &e, bool safe, const Bytes &start = kStart) {
     tu::TempDir dir;
     const std::string path = dir.path("photo.jpg");
-    tu::writeFile(path, kStart);
+    tu::writeFile(path, start);
     const auto before = entriesOf(path);
     yaxSetSafeEdit(safe ? 1 : 0);
     std::vector<fault::Op> ops;
@@ -292,7 +292,7 @@ std::pair<int, int> crashLosses(const Edit &e, bool safe) {
             if (torn && (k == ops.size() || ops[k].what != fault::Op::kWriteAt || ops[k].bytes.size() < 2))
                 continue;
             for (const std::string &name : namesIn(dir.dir())) unlink(dir.path(name).c_str());
-            tu::writeFile(path, kStart);
+            tu::writeFile(path, start);
             replay(ops, k, torn);
             Quiet q;
             if (safe) yaxRecoverEdit(path.c_str());
@@ -355,6 +355,31 @@ TEST(CrashSimulation, NoSafeModeCrashPointLosesAnUntouchedEntry) {
         // moved blocks in one write: only a torn write of it, or the moment
         // between a shrinking edit's write and its cut, can lose an entry.
         EXPECT_LE(plain.first, 2) << e.what;
+    }
+}
+
+// The sound edits on a file with two sounds, a user entry and a legacy
+// record: no crash point in the safe mode loses an entry they leave alone.
+TEST(CrashSimulation, SoundEditsInTheSafeMode) {
+    const tb::Entry t0{256, "TonePhoto_000", "soundbytes", ""}, k{1, "k", "K", ""}, b{256, "b", "BB", ""};
+    const Bytes list = tb::toneList({"TonePhoto_000", "b"});
+    const tb::Entry meta{2048, "TonePhoto_Meta_Info", std::string(list.begin(), list.end()), ""};
+    const auto at = uint32_t(kImage.size() + 8 + 13);
+    const Bytes tone = kImage + tb::trailer({t0, k, b, meta}) + tb::vonoBlock({{at, at + 10}});
+    const std::string m = "TonePhoto_Meta_Info";
+    const std::vector<Edit> edits = {
+        {"sound save", [](const char *p) { return saveVonoToImageFile(p, "RAIN", 4, "c", 1); }, {m}},
+        {"sound replace", [](const char *p) { return saveVonoToImageFile(p, "RAIN", 4, "b", 1); }, {"b"}},
+        {"sound into a trailer alone", [](const char *p) { return saveVonoToImageFile(p, "RAIN", 4, "c", 1); }, {}},
+        {"sound delete", [](const char *p) { return deleteVonoFromImageFile(p, "b"); }, {"b", m}},
+        {"sound delete all", [](const char *p) { return deleteAllVonoFromImageFile(p); }, {"TonePhoto_000", "k", "b", m}},
+    };
+    for (const Edit &e : edits) {
+        const Bytes &start = std::string(e.what) == "sound into a trailer alone" ? kStart : tone;
+        const auto plain = crashLosses(e, false, start), safe = crashLosses(e, true, start);
+        std::printf("crash points losing an untouched entry, %-32s default %3d of %3d, safe mode %d of %d\n",
+                    e.what, plain.first, plain.second, safe.first, safe.second);
+        EXPECT_EQ(0, safe.first) << e.what;
     }
 }
 
