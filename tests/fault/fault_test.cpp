@@ -380,6 +380,11 @@ TEST(CrashSimulation, SoundEditsInTheSafeMode) {
         std::printf("crash points losing an untouched entry, %-32s default %3d of %3d, safe mode %d of %d\n",
                     e.what, plain.first, plain.second, safe.first, safe.second);
         EXPECT_EQ(0, safe.first) << e.what;
+        // The add over a trailer alone is ordered as the entry adds are;
+        // with a legacy record the library's replace and delete are not.
+        if (&start == &kStart) {
+            EXPECT_LE(plain.first, 2) << e.what;
+        }
     }
 }
 
