@@ -120,6 +120,16 @@ const std::vector<Edit> kEdits = {
     {"fast clear", [](const char *p) { return deleteFastAllYAXData(p); }, {"first", "second", "s", "third"}},
 };
 
+// Two listed sounds with a user entry between them and the legacy record on
+// the first sound: what the sound edits run on.
+Bytes toneFile() {
+    const tb::Entry t0{256, "TonePhoto_000", "soundbytes", ""}, k{1, "k", "K", ""}, b{256, "b", "BB", ""};
+    const Bytes list = tb::toneList({"TonePhoto_000", "b"});
+    const tb::Entry meta{2048, "TonePhoto_Meta_Info", std::string(list.begin(), list.end()), ""};
+    const auto at = uint32_t(kImage.size() + 8 + 13);
+    return kImage + tb::trailer({t0, k, b, meta}) + tb::vonoBlock({{at, at + 10}});
+}
+
 // The file an edit makes when nothing fails.
 Bytes finished(const std::function<int(const char *)> &run, const Bytes &start = kStart) {
     tu::TempDir dir;
@@ -173,11 +183,7 @@ TEST(InjectedFaults, EverySafeModeLibraryEdit) {
 // each (drop the legacy block then add, rewrite the list then delete), one
 // edit in the safe mode.
 TEST(InjectedFaults, EverySafeModeSoundEdit) {
-    const tb::Entry t0{256, "TonePhoto_000", "soundbytes", ""}, k{1, "k", "K", ""}, b{256, "b", "BB", ""};
-    const Bytes list = tb::toneList({"TonePhoto_000", "b"});
-    const tb::Entry meta{2048, "TonePhoto_Meta_Info", std::string(list.begin(), list.end()), ""};
-    const auto at = uint32_t(kImage.size() + 8 + 13);
-    const Bytes tone = kImage + tb::trailer({t0, k, b, meta}) + tb::vonoBlock({{at, at + 10}});
+    const Bytes tone = toneFile();
     const Bytes legacy = kImage + tb::bytes("soundbytes") +
                          tb::vonoBlock({{uint32_t(kImage.size()), uint32_t(kImage.size() + 10)}});
     tu::TempDir other;
@@ -226,11 +232,7 @@ TEST(InjectedFaults, EveryEditingCommandOfTheTool) {
         }, true);
     }
     // the sound commands on a file holding sounds, a user entry and a legacy record
-    const tb::Entry t0{256, "TonePhoto_000", "soundbytes", ""}, k{1, "k", "K", ""}, b{256, "b", "BB", ""};
-    const Bytes list = tb::toneList({"TonePhoto_000", "b"});
-    const tb::Entry meta{2048, "TonePhoto_Meta_Info", std::string(list.begin(), list.end()), ""};
-    const auto at = uint32_t(kImage.size() + 8 + 13);
-    const Bytes tone = kImage + tb::trailer({t0, k, b, meta}) + tb::vonoBlock({{at, at + 10}});
+    const Bytes tone = toneFile();
     for (const std::vector<std::string> &c : std::vector<std::vector<std::string>>{
              {"add", "c", payload}, {"add", "b", payload}, {"rm", "b"}, {"rm", "TonePhoto_000"}, {"clear"}}) {
         underFaults("yax sound " + c[0] + (c.size() > 1 ? " " + c[1] : ""), [&c](const char *p) {
@@ -361,11 +363,7 @@ TEST(CrashSimulation, NoSafeModeCrashPointLosesAnUntouchedEntry) {
 // The sound edits on a file with two sounds, a user entry and a legacy
 // record: no crash point in the safe mode loses an entry they leave alone.
 TEST(CrashSimulation, SoundEditsInTheSafeMode) {
-    const tb::Entry t0{256, "TonePhoto_000", "soundbytes", ""}, k{1, "k", "K", ""}, b{256, "b", "BB", ""};
-    const Bytes list = tb::toneList({"TonePhoto_000", "b"});
-    const tb::Entry meta{2048, "TonePhoto_Meta_Info", std::string(list.begin(), list.end()), ""};
-    const auto at = uint32_t(kImage.size() + 8 + 13);
-    const Bytes tone = kImage + tb::trailer({t0, k, b, meta}) + tb::vonoBlock({{at, at + 10}});
+    const Bytes tone = toneFile();
     const std::string m = "TonePhoto_Meta_Info";
     const std::vector<Edit> edits = {
         {"sound save", [](const char *p) { return saveVonoToImageFile(p, "RAIN", 4, "c", 1); }, {m}},
