@@ -50,6 +50,17 @@ YAX_EXPORT YAXDATA_UNIT *extractYAXDataFromFilebyName(YAXDATA *yaxdata, const ch
 YAX_EXPORT int64_t yaxStreamYAXData(YAXDATA *yaxdata, uint32_t index, int part, FILE *out);
 YAX_EXPORT int64_t yaxStreamYAXDataByName(YAXDATA *yaxdata, const char *name, int part,
                                           FILE *out);
+/* This library's own extension: several edits of one file as one. In the
+ * safe-edit mode (yaxSetSafeEdit) yaxBeginEdit saves what any edit of `path`
+ * may change, the edits made until yaxEndEdit are nested in it, and
+ * yaxEndEdit(group, 0) (or a failed write on the way) puts the file back as
+ * it was; yaxEndEdit(group, 1) keeps the edits and returns 1, or 0 when it
+ * had to put the file back. In the default mode the group does nothing and
+ * yaxEndEdit returns `result`. yaxBeginEdit gives NULL when the old bytes
+ * cannot be saved (or memory is short): no edit should start. */
+typedef struct YaxEditGroup YaxEditGroup;
+YAX_EXPORT YaxEditGroup *yaxBeginEdit(const char *path);
+YAX_EXPORT int yaxEndEdit(YaxEditGroup *group, int result);
 YAX_EXPORT char *getYAXVersion(void); /* "105"; caller frees with _qfree */
 YAX_EXPORT void printYAXVersion(void);
 

@@ -70,6 +70,18 @@ int main(void) {
     CHECK(YAX_STREAM_PAYLOAD == 0 && YAX_STREAM_SUB_INFO == 1);
     CHECK(yaxStreamYAXData(NULL, 0, YAX_STREAM_PAYLOAD, stdout) == -1);
     CHECK(yaxStreamYAXDataByName(NULL, "a", YAX_STREAM_SUB_INFO, stdout) == -1);
+    /* the sound API from C: the stream record and the placeholders */
+    {
+        YAXAUDIOSTREAM *s = getAudioStreamBuffer(NULL, "a", 1);
+        CHECK(s == NULL);
+        destroyAudioStreamBuffer(s);
+        destroyVONOOFFSET(NULL);
+        CHECK(deleteTonePhotoDataFromFilebyIndex() == 0);
+        CHECK(checkVonoInBuffer(NULL) == NULL);
+        CHECK(copyTonePhotoData(NULL, "b.jpg") == 0 && copyVonoData("a.jpg", NULL) == 0);
+        YaxEditGroup *g = yaxBeginEdit("no-such-file.jpg");
+        CHECK(g != NULL && yaxEndEdit(g, 1) == 1 && yaxEndEdit(NULL, 1) == 0);
+    }
     printf("%d passed, %d failed\n", failures == 0 ? 1 : 0, failures == 0 ? 0 : 1);
     return failures == 0 ? 0 : 1;
 }
