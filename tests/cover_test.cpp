@@ -1,0 +1,159 @@
+// Cover replacement against bytes computed here: the new cover, the filler
+// and moved blocks where each case puts them, and the header rows each case
+// writes; entries read back unchanged wherever the result keeps them.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "builder.hpp"
+#include "testutil.hpp"
+#include "yax_api.h"
+#include "yax_container.h"
+#include "yax_support.h"
+
+namespace {
+
+using tb::Bytes;
+using tb::Entry;
+using tb::Row;
+using tb::operator+;
+using tu::TempDir;
+using tu::writeFile;
+using tu::readFile;
+
+constexpr uint32_t kFillerMeta = 0x7FFEu << 16;
+
+Bytes cover(size_t n, uint8_t fill) {
+    Bytes b = tb::fakeImage(n);
+    for (size_t i = 2; i + 2 < n; ++i) b[i] = fill;
+    return b;
+}
+
+Bytes blocks(const std::vector<Entry> &es) {
+    Bytes out;
+    for (const Entry &e : es) out = out + tb::block(e);
+    return out;
+}
+
+// A row for entry e whose block starts `back` bytes before the header.
+Row row(const Entry &e, uint32_t back) { return {e.metaType(), back, tb::blockLength(e)}; }
+
+void expectEntries(const std::string &path, const std::vector<Entry> &es) {
+    YAXDATA *h = checkYAXInFile(path.c_str());
+    ASSERT_NE(h, nullptr);
+    for (const Entry &e : es) {
+        YAXDATA_UNIT *u = extractYAXDataFromFilebyName(h, e.name.c_str(), static_cast<uint32_t>(e.name.size()));
+        ASSERT_NE(u, nullptr) << e.name;
+        EXPECT_EQ(std::string(reinterpret_cast<char *>(u->data), u->data_length), e.payload);
+        destroyYAXDATA_UNIT(u);
+    }
+    destroyYAXDATA(h);
+}
+
+// e0 is the smallest readable block (1-byte name, 1-byte payload, 10 bytes).
+const Entry e0{1, "a", "z", ""};
+const Entry e1{2, "bb", std::string(30, 'x'), "s"};
+const Entry e2{3, "c", "y", ""};
+const uint32_t L0 = tb::blockLength(e0), L1 = tb::blockLength(e1), L2 = tb::blockLength(e2);
+const uint32_t ALL = L0 + L1 + L2;
+const uint32_t C = 200;
+
+TEST(Cover, WithoutFillerEveryLengthClass) {
+    struct Case {
+        const char *what;
+        int64_t delta;  // new cover length minus C
+        bool keeps;
+        Bytes (*expect)(const Bytes &cv);
+    };
+    const std::vector<Entry> es{e0, e1, e2};
+    const Case cases[] = {
+        {"same", 0, true, [](const Bytes &cv) { return cv + tb::trailer({e0, e1, e2}); }},
+        {"shorter by 100", -100, true,
+         [](const Bytes &cv) {
+             return cv + tb::fillerBlock(100) + blocks({e0, e1, e2}) +
+                    tb::header({{kFillerMeta, ALL + 100, 100}, row(e0, ALL), row(e1, ALL - L0),
+                                row(e2, L2)});
+         }},
+        {"longer than the file", 500, true,
+         [](const Bytes &cv) { return cv + tb::trailer({e0, e1, e2}); }},
+        // case 4: the overhang ends inside block 1 (k = 1, S = L0 + L1): a
+        // filler of S - D, block 2 in place, blocks 0 and 1 where the header was
+        {"overhang inside block 1", L0 + 5, true,
+         [](const Bytes &cv) {
+             const uint32_t S = L0 + L1, D = L0 + 5;
+             return cv + tb::fillerBlock(S - D) + tb::block(e2) + tb::block(e0) + tb::block(e1) +
+                    tb::header({{kFillerMeta, ALL + S - D, S - D}, row(e2, L2 + S),
+                                row(e0, ALL - L2), row(e1, ALL - L0 - L2)});
+         }},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        TempDir dir;
+        const std::string p = dir.path("f.jpg");
+        writeFile(p, cover(C, 0x11) + tb::trailer(es));
+        const Bytes cv = cover(static_cast<size_t>(C + c.delta), 0x22);
+        EXPECT_GT(FastChangeCoverData(p.c_str(), cv.data(), static_cast<uint32_t>(cv.size())), 0);
+        EXPECT_EQ(readFile(p), c.expect(cv));
+        if (c.keeps) expectEntries(p, es);
+    }
+}
+
+TEST(Cover, WithFillerSwallowsAndMoves) {
+    const uint32_t F = 40;
+    const std::vector<Entry> es{e1, e2};
+    const Bytes file = cover(C, 0x11) + tb::fillerBlock(F) + blocks(es) +
+                       tb::header({{kFillerMeta, F + L1 + L2, F}, row(e1, L1 + L2), row(e2, L2)});
+    struct Case {
+        const char *what;
+        int64_t delta;
+        Bytes (*expect)(const Bytes &cv, uint32_t F);
+    };
+    const Case cases[] = {
+        // the same filler grows by the gap; no row is added
+        {"shorter by 100", -100,
+         [](const Bytes &cv, uint32_t F) {
+             return cv + tb::fillerBlock(F + 100) + blocks({e1, e2}) +
+                    tb::header({{kFillerMeta, F + L1 + L2 + 100, F + 100}, row(e1, L1 + L2),
+                                row(e2, L2)});
+         }},
+        // case 2: the overhang only shortens the filler
+        {"overhang inside the filler", 10,
+         [](const Bytes &cv, uint32_t F) {
+             return cv + tb::fillerBlock(F - 10) + blocks({e1, e2}) +
+                    tb::header({{kFillerMeta, F + L1 + L2 - 10, F - 10}, row(e1, L1 + L2),
+                                row(e2, L2)});
+         }},
+        // case 6: the overhang ends inside block 1 (k = 1): block 1 moves
+        // behind block 2 and the filler row counts the moved block
+        {"overhang inside block 1", 45,
+         [](const Bytes &cv, uint32_t F) {
+             const uint32_t S = F + L1, D = 45;
+             return cv + tb::fillerBlock(S - D) + tb::block(e2) + tb::block(e1) +
+                    tb::header({{kFillerMeta, F + L1 + L2 - D + L1, S - D}, row(e2, L2 + L1),
+                                row(e1, L1 + L2 - L2)});
+         }},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        TempDir dir;
+        const std::string p = dir.path("f.jpg");
+        writeFile(p, file);
+        const Bytes cv = cover(static_cast<size_t>(C + c.delta), 0x22);
+        EXPECT_GT(FastChangeCoverData(p.c_str(), cv.data(), static_cast<uint32_t>(cv.size())), 0);
+        EXPECT_EQ(readFile(p), c.expect(cv, F));
+        expectEntries(p, es);
+    }
+}
+
+TEST(Cover, RefusesFilesWithoutTrailer) {
+    TempDir dir;
+    const std::string p = dir.path("f.jpg");
+    const Bytes plain = cover(C, 0x11);
+    writeFile(p, plain);
+    const Bytes cv = cover(C, 0x22);
+    EXPECT_EQ(FastChangeCoverData(p.c_str(), cv.data(), C), 0);
+    EXPECT_EQ(readFile(p), plain);
+}
+
+}  // namespace
