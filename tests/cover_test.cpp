@@ -146,6 +146,30 @@ TEST(Cover, WithFillerSwallowsAndMoves) {
     }
 }
 
+// Overhangs that reach the header: the library's own results, kept. Exactly
+// every block (case 3) writes the cover a second time where the header was;
+// past every block (case 1) leaves a header of count 0 behind the cover with
+// the parsed rows 1.. and the last of them repeated. Both lose the entries.
+TEST(Cover, OverhangOverEveryBlockKeepsTheLibrarysResult) {
+    const std::vector<Entry> es{e0, e1, e2};
+    TempDir dir;
+    const std::string p = dir.path("f.jpg");
+    writeFile(p, cover(C, 0x11) + tb::trailer(es));
+    Bytes cv = cover(C + ALL, 0x22);
+    EXPECT_GT(FastChangeCoverData(p.c_str(), cv.data(), static_cast<uint32_t>(cv.size())), 0);
+    EXPECT_EQ(readFile(p), cv + cv + tb::header({row(e1, ALL), row(e2, L2 + L0), row(e0, L0)}));
+
+    writeFile(p, cover(C, 0x11) + tb::trailer(es));
+    cv = cover(C + ALL + 4, 0x33);
+    EXPECT_GT(FastChangeCoverData(p.c_str(), cv.data(), static_cast<uint32_t>(cv.size())), 0);
+    tb::Builder w;
+    w.str("YAXH").u32(105).u32(0);
+    for (const Row &r : {row(e1, ALL - L0), row(e2, L2), row(e2, L2)})
+        w.u32(r.meta_type).u32(r.offset).u32(r.length);
+    w.u32(12).str("YAXT");
+    EXPECT_EQ(readFile(p), cv + w.done());
+}
+
 TEST(Cover, RefusesFilesWithoutTrailer) {
     TempDir dir;
     const std::string p = dir.path("f.jpg");
