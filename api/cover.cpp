@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "container/layout.hpp"
 #include "support/io.hpp"
@@ -18,28 +19,12 @@ namespace L = yax::layout;
 
 constexpr const char *kCoverTag = "YAXAPIs::FastChangeCoverData";
 constexpr const char *kOrgTag = "YAXAPIs::FastChangeOrgData";
-constexpr const char *kNameTag = "YAXAPIs::_getIndexOfName";  // borrowed tag, kept
 
-// 1 when the handle's name list holds the filler's name.
+// 1 when the handle's name list holds the filler's name: the name lookup's
+// own scan, with its messages and tag.
 uint32_t hasFiller(YAXDATA *handle) {
     if (handle->count == 0) return 0;
-    if (handle->type == 0) {
-        YAXLogE(kNameTag, "type null");
-        return 0;
-    }
-    if (handle->YAX_name_list == nullptr) {
-        YAXLogE(kNameTag, "YAX_name_list null");
-        return 0;
-    }
-    for (uint32_t i = 0; i < handle->count; ++i) {
-        const char *name = handle->YAX_name_list[i];
-        if (name == nullptr) {
-            YAXLogE(kNameTag, "%d YAX_name null", static_cast<int>(i));
-            return 0;
-        }
-        if (L::kFillerName == name) return 1;
-    }
-    return 0;
+    return _getIndexOfName(handle, std::string(L::kFillerName).c_str()) < handle->count ? 1 : 0;
 }
 
 // Reads `n` bytes at `pos` into a new block (null on failure).
