@@ -7,6 +7,7 @@
 
 #include "api/edit_group.hpp"
 #include "api/save_common.hpp"
+#include "container/add.hpp"
 #include "container/layout.hpp"
 #include "yax_api.h"
 #include "yax_container.h"
@@ -34,18 +35,16 @@ bool firstRowIsFiller(YAXDATA *yd) {
 }
 
 // The steps of the fast save, after its checks.
-int fastSave(FILE *fp, const char *name, uint32_t name_length, const void *sub_info,
-             uint32_t sub_info_length, const void *data, uint32_t data_length, uint32_t data_type,
-             int option) {
+int fastSave(FILE *fp, const NewEntry &e, uint32_t sub_info_length, int option) {
+    const char *name = e.name;
+    const uint32_t name_length = e.name_length;
     unsigned int signature = getSignatureFP(fp);
-    if (signature == SIGNATURE_NONE)
-        return AddYAXDataInFirstTimeFP(fp, name, name_length, data_type, sub_info,
-                                       sub_info_length, data, data_length);
+    if (signature == SIGNATURE_NONE) return addFirstToStream(fp, e);
     if (signature != SIGNATURE_YAX) return 0;
 
     StreamRecord yd(checkYAXInFP(fp));
     if (!yd) return 0;
-    if (checkYAXInfoForSaving(yd->yax_info, data_length, sub_info_length, name_length) == 0)
+    if (checkYAXInfoForSaving(yd->yax_info, e.data_length, sub_info_length, name_length) == 0)
         return 0;
     api::QChars key = api::copyName(name, name_length);
     if (!key) return 0;
@@ -65,29 +64,23 @@ int fastSave(FILE *fp, const char *name, uint32_t name_length, const void *sub_i
         if (FastDeleteAYAXData(yd->yax_info, index, nullptr, 1) != 1) return 0;
         yd.reset(checkYAXInFP(fp));
         // Only a single entry under 20 bytes leaves no trailer: start anew.
-        if (!yd && getSignatureFP(fp) == SIGNATURE_NONE)
-            return AddYAXDataInFirstTimeFP(fp, name, name_length, data_type, sub_info,
-                                           sub_info_length, data, data_length);
+        if (!yd && getSignatureFP(fp) == SIGNATURE_NONE) return addFirstToStream(fp, e);
         if (!yd) return 0;
         reuse_first = yd->count != 0 && yax::layout::kFillerType ==
                                             _getDataType(yd->yax_info->meta_data[0]->meta_type)
                           ? 1
                           : 0;
     }
-    return FastAddYAXData(yd->yax_info, name, name_length, data_type, sub_info, sub_info_length,
-                          data, data_length, reuse_first);
+    return fastAddEntry(yd->yax_info, e, reuse_first);
 }
 
 }  // namespace
-}  // namespace yax
 
-extern "C" {
-
-YAX_EXPORT int saveFastYAXDataToFP(FILE *fp, const char *name, uint32_t name_length,
-                                   const void *sub_info, uint32_t sub_info_length,
-                                   const void *data, uint32_t data_length, uint32_t data_type,
-                                   int option) {
-    using namespace yax;
+// The reference fast save: its checks, then the steps as one edit (see
+// edit_group.hpp). `source`, when given, streams the payload from its file.
+int fastSaveChecked(FILE *fp, const char *name, uint32_t name_length, const void *sub_info,
+                    uint32_t sub_info_length, const void *data, uint32_t data_length,
+                    uint32_t data_type, int option, const PayloadSource *source) {
     constexpr const char *tag = "YAXAPIs::saveFastYAXDataToFP";
     if (fp == nullptr) {
         YAXLogE(tag, "fp null\n");
@@ -98,7 +91,7 @@ YAX_EXPORT int saveFastYAXDataToFP(FILE *fp, const char *name, uint32_t name_len
         return 0;
     }
     // A missing payload and an empty one read the same to the caller.
-    if (data == nullptr || data_length == 0) {
+    if ((data == nullptr && source == nullptr) || data_length == 0) {
         YAXLogE(tag, "data is null\n");
         return 0;
     }
@@ -106,12 +99,23 @@ YAX_EXPORT int saveFastYAXDataToFP(FILE *fp, const char *name, uint32_t name_len
         YAXLogE(tag, "data_type null\n");
         return 0;
     }
-
-    // The safe-edit mode makes the save one edit (see edit_group.hpp).
+    const NewEntry e(data_type, name, name_length, sub_info, sub_info_length, data, data_length,
+                     source);
     api::EditGroup group(fp);
     if (!group.ready()) return 0;
-    return group.finish(
-        yax::fastSave(fp, name, name_length, sub_info, sub_info_length, data, data_length, data_type, option));
+    return group.finish(fastSave(fp, e, sub_info_length, option));
+}
+
+}  // namespace yax
+
+extern "C" {
+
+YAX_EXPORT int saveFastYAXDataToFP(FILE *fp, const char *name, uint32_t name_length,
+                                   const void *sub_info, uint32_t sub_info_length,
+                                   const void *data, uint32_t data_length, uint32_t data_type,
+                                   int option) {
+    return yax::fastSaveChecked(fp, name, name_length, sub_info, sub_info_length, data,
+                                data_length, data_type, option, nullptr);
 }
 
 // The stream opened here is not closed: every write has already gone to the
@@ -135,11 +139,12 @@ YAX_EXPORT int saveFastYAXNameToFP(FILE *fp, const char *name, uint32_t name_len
                                    const void *sub_info, uint32_t sub_info_length,
                                    const char *payload_path, uint32_t data_type, int option) {
     using namespace yax;
-    api::Payload payload;
-    if (payload_path == nullptr || !api::loadPayload(payload_path, kPayloadMsgs, payload))
+    api::PayloadFile payload;
+    if (payload_path == nullptr || !payload.open(payload_path, kPayloadMsgs) ||
+        !payload.holdIfTarget(fp != nullptr ? fileno(fp) : -1, kPayloadMsgs))
         return 0;
-    return saveFastYAXDataToFP(fp, name, name_length, sub_info, sub_info_length,
-                               payload.data.get(), payload.length, data_type, option);
+    return fastSaveChecked(fp, name, name_length, sub_info, sub_info_length, payload.data(),
+                           payload.length(), data_type, option, payload.source());
 }
 
 YAX_EXPORT int saveFastYAXDataFileToFile(const char *path, const char *name, uint32_t name_length,
@@ -147,14 +152,15 @@ YAX_EXPORT int saveFastYAXDataFileToFile(const char *path, const char *name, uin
                                          const char *payload_path, uint32_t data_type,
                                          int option) {
     using namespace yax;
-    api::Payload payload;
-    if (payload_path == nullptr || !api::loadPayload(payload_path, kPayloadMsgs, payload))
-        return 0;
+    api::PayloadFile payload;
+    if (payload_path == nullptr || !payload.open(payload_path, kPayloadMsgs)) return 0;
     // A target that cannot be opened reaches the save as a null stream and
     // is reported there.
     FILE *fp = path != nullptr ? _qfopen(path, "r+b") : nullptr;
-    int result = saveFastYAXDataToFP(fp, name, name_length, sub_info, sub_info_length,
-                                     payload.data.get(), payload.length, data_type, option);
+    int result = 0;
+    if (payload.holdIfTarget(fp != nullptr ? fileno(fp) : -1, kPayloadMsgs))
+        result = fastSaveChecked(fp, name, name_length, sub_info, sub_info_length, payload.data(),
+                                 payload.length(), data_type, option, payload.source());
     if (fp != nullptr) _qfclose(fp);
     return result;
 }

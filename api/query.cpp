@@ -1,8 +1,14 @@
 // The public read side: open a file into a YAXDATA record, locate an entry's
 // payload or sub-information by name or index, extract copies, list names of
 // one data type, and the version functions.
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstring>
+
+#include "support/io.hpp"
+#include "support/copy.hpp"
 
 #include "yax_api.h"
 #include "yax_container.h"
@@ -64,6 +70,76 @@ void releaseNames(YAXDATA *record) {
         record->tonephoto_name_list = nullptr;
     }
     record->tonephoto_count = 0;
+}
+
+// ---- records ------------------------------------------------------------------
+
+// The parse calls of each flavour; a record made from a buffer differs from
+// one made from a stream only in these.
+template <typename IO>
+struct RecordOps;
+
+template <>
+struct RecordOps<FileIO> {
+    static unsigned int signature(const FileIO &io) { return getSignatureFP(io.fp); }
+    static YaxInfo *parse(const FileIO &io, int mode) { return ParseYAX_FP(io.fp, mode); }
+    static int list(YaxInfo *info) { return getYAXList(info); }
+    static int names(YaxInfo *info) { return getAllNameOfDataList(info); }
+    static int release(YaxInfo *info) { return DestroyYAX_FP(info); }
+};
+
+template <>
+struct RecordOps<BufIO> {
+    static unsigned int signature(const BufIO &io) { return getSignatureBuffer(io.h); }
+    static YaxInfo *parse(const BufIO &io, int mode) { return ParseYAX_Buffer(io.h, mode); }
+    static int list(YaxInfo *info) { return getYAXListBuffer(info); }
+    static int names(YaxInfo *info) { return getAllNameOfDataListBuffer(info); }
+    static int release(YaxInfo *info) { return DestroyYAX_Buffer(info); }
+};
+
+// A query record without a path: the parsed trailer, one name per row and
+// the TonePhoto list. Null when there is no trailer or it cannot be read.
+template <typename IO>
+YAXDATA *parseRecord(const IO &io) {
+    using Ops = RecordOps<IO>;
+    if (!io.ok()) return nullptr;
+    const unsigned int signature = Ops::signature(io);
+    if (signature < SIGNATURE_VONO || signature > SIGNATURE_VONO_YAX) return nullptr;
+
+    // A failed parse still goes through the list call, which reports it.
+    YaxInfo *info = Ops::parse(io, kParseMode[signature - SIGNATURE_VONO]);
+    if (Ops::list(info) != 1 || Ops::names(info) != 1) {
+        Ops::release(info);
+        return nullptr;
+    }
+
+    auto *record = static_cast<YAXDATA *>(_qcalloc(1, sizeof(YAXDATA)));
+    char **names = record != nullptr && info->meta_count != 0
+                       ? static_cast<char **>(_qcalloc(info->meta_count, sizeof(char *)))
+                       : nullptr;
+    if (names == nullptr) {
+        _qfree(record);
+        Ops::release(info);
+        return nullptr;
+    }
+    record->type = 1;
+    record->yax_info = info;
+    record->count = info->meta_count;
+    // From here on the record owns the names read into the rows.
+    for (uint32_t i = 0; i < info->meta_count; ++i) names[i] = info->meta_data[i]->name;
+    record->YAX_name_list = names;
+    getTonePhotoInFile(record);
+    record->filename = nullptr;
+    record->filename_size = 0;
+    return record;
+}
+
+template <typename IO>
+void destroyRecord(YAXDATA *record) {
+    if (record == nullptr) return;
+    releaseNames(record);
+    RecordOps<IO>::release(record->yax_info);
+    _qfree(record);
 }
 
 // ---- position queries ---------------------------------------------------------
@@ -129,36 +205,11 @@ YAX_EXPORT YAXDATA *checkYAXWithReadPM(const char *path) {
 }
 
 YAX_EXPORT YAXDATA *checkYAXInFP(FILE *fp) {
-    if (fp == nullptr) return nullptr;
-    const unsigned int signature = getSignatureFP(fp);
-    if (signature < SIGNATURE_VONO || signature > SIGNATURE_VONO_YAX) return nullptr;
+    return yax::parseRecord(yax::FileIO{fp});
+}
 
-    // A failed parse still goes through the list call, which reports it.
-    YaxInfo *info = ParseYAX_FP(fp, yax::kParseMode[signature - SIGNATURE_VONO]);
-    if (getYAXList(info) != 1 || getAllNameOfDataList(info) != 1) {
-        DestroyYAX_FP(info);
-        return nullptr;
-    }
-
-    auto *record = static_cast<YAXDATA *>(_qcalloc(1, sizeof(YAXDATA)));
-    char **names = record != nullptr && info->meta_count != 0
-                       ? static_cast<char **>(_qcalloc(info->meta_count, sizeof(char *)))
-                       : nullptr;
-    if (names == nullptr) {
-        _qfree(record);
-        DestroyYAX_FP(info);
-        return nullptr;
-    }
-    record->type = 1;
-    record->yax_info = info;
-    record->count = info->meta_count;
-    // From here on the record owns the names read into the rows.
-    for (uint32_t i = 0; i < info->meta_count; ++i) names[i] = info->meta_data[i]->name;
-    record->YAX_name_list = names;
-    getTonePhotoInFile(record);
-    record->filename = nullptr;
-    record->filename_size = 0;
-    return record;
+YAX_EXPORT YAXDATA *checkYAXInBuffer(YAXBUFFER *buffer) {
+    return yax::parseRecord(yax::BufIO{buffer});
 }
 
 YAX_EXPORT YAXOFFSET *getYAXInFileByName(YAXDATA *yaxdata, const char *name) {
@@ -279,6 +330,45 @@ YAX_EXPORT YAXDATA_UNIT *extractYAXDataFromFilebyName(YAXDATA *yaxdata, const ch
     return extractYAXDataFromFilebyIndex(yaxdata, _getIndexOfName(yaxdata, name));
 }
 
+YAX_EXPORT int64_t yaxStreamYAXData(YAXDATA *yaxdata, uint32_t index, int part, FILE *out) {
+    constexpr const char *tag = "YAXAPIs::yaxStreamYAXData";
+    if (yaxdata == nullptr || out == nullptr || yaxdata->yax_info == nullptr ||
+        yaxdata->yax_info->fp == nullptr) {
+        YAXLogE(tag, "no file record or no output");
+        return -1;
+    }
+    if (part != YAX_STREAM_PAYLOAD && part != YAX_STREAM_SUB_INFO) {
+        YAXLogE(tag, "unknown part %d", part);
+        return -1;
+    }
+    int64_t pos = 0, len = 0;
+    const auto target = part == YAX_STREAM_PAYLOAD ? yax::Target::Payload : yax::Target::SubInfo;
+    if (!yax::locate(yaxdata, index, target, &pos, &len)) {
+        YAXLogE(tag, "entry %u has no such part", index);
+        return -1;
+    }
+    FILE *in = yaxdata->yax_info->fp;
+    struct stat st {};
+    if (fstat(fileno(in), &st) != 0 || len > static_cast<int64_t>(st.st_size) - pos) {
+        YAXLogE(tag, "entry %u lies outside the file", index);
+        return -1;
+    }
+    std::fflush(out);
+    if (_qlseek64(in, pos, SEEK_SET) != pos) return -1;
+    const yax::CopyOutcome r = yax::copyFd(fileno(out), fileno(in), static_cast<uint64_t>(len));
+    if (r.stop != yax::CopyStop::kDone) {
+        YAXLogE(tag, "copied %lld of %lld bytes", static_cast<long long>(r.copied),
+                static_cast<long long>(len));
+        return -1;
+    }
+    return len;
+}
+
+YAX_EXPORT int64_t yaxStreamYAXDataByName(YAXDATA *yaxdata, const char *name, int part,
+                                          FILE *out) {
+    return yaxStreamYAXData(yaxdata, yax::indexOf(yaxdata, name), part, out);
+}
+
 YAX_EXPORT char *getYAXVersion(void) {
     auto *text = static_cast<char *>(_qmalloc(4));
     if (text != nullptr) std::snprintf(text, 4, "%d", YAX_VERSION);
@@ -300,10 +390,11 @@ YAX_EXPORT void destroyYAXDATA(YAXDATA *yaxdata) {
 }
 
 YAX_EXPORT void destroyYAXDATA_FP(YAXDATA *yaxdata) {
-    if (yaxdata == nullptr) return;
-    yax::releaseNames(yaxdata);
-    DestroyYAX_FP(yaxdata->yax_info);
-    _qfree(yaxdata);
+    yax::destroyRecord<yax::FileIO>(yaxdata);
+}
+
+YAX_EXPORT void destroyYAXDATA_Buffer(YAXDATA *yaxdata) {
+    yax::destroyRecord<yax::BufIO>(yaxdata);
 }
 
 YAX_EXPORT void destroyYAXDATA_UNIT(YAXDATA_UNIT *unit) {

@@ -14,7 +14,9 @@
 
 #include <unistd.h>
 
+#include "container/add.hpp"
 #include "container/layout.hpp"
+#include "container/validate.hpp"
 #include "support/gather.hpp"
 #include "support/io.hpp"
 #include "support/safe_file.hpp"
@@ -58,40 +60,6 @@ int vonoHeader(const FileIO &io, uint32_t start, uint32_t end) {
 int vonoHeader(const BufIO &io, uint32_t start, uint32_t end) {
     return _writeVonoHeaderBuffer(io.h, start, end);
 }
-
-// ---- the entry being added ----
-
-struct NewEntry {
-    uint32_t data_type;
-    const char *name;
-    uint32_t name_length;
-    const void *sub_info;
-    uint32_t sub_info_length;  // 0 when there is no sub-information
-    const void *data;
-    uint32_t data_length;
-    uint32_t has_sub_info;
-
-    NewEntry(uint32_t type, const char *n, uint32_t n_len, const void *sub, uint32_t sub_len,
-             const void *d, uint32_t d_len)
-        : data_type(type), name(n), name_length(n_len), sub_info(sub), sub_info_length(0),
-          data(d), data_length(d_len), has_sub_info(sub != nullptr && sub_len != 0 ? 1u : 0u) {
-        // A length without bytes is no sub-information; keeping it out of
-        // the block keeps the block length and the bytes written in step.
-        if (has_sub_info) sub_info_length = sub_len;
-    }
-    bool userDataWithoutSubInfo() const {
-        return data_type == YAX_USER_DEFINED_DATA && !has_sub_info;
-    }
-    uint32_t metaType() const { return layout::metaType(data_type, has_sub_info); }
-    // The whole block length, or false when it does not fit the 32-bit row.
-    bool blockLength(uint32_t *out) const {
-        uint64_t n = uint64_t{kBlockFixed} + name_length + data_length +
-                     (has_sub_info ? uint64_t{kSubInfoField} + sub_info_length : 0);
-        if (n > UINT32_MAX) return false;
-        *out = static_cast<uint32_t>(n);
-        return true;
-    }
-};
 
 // ---- how a flavour recognises a failed step, and what it says ----
 
@@ -157,6 +125,14 @@ bool putHeader(const IO &io, const Checker<IO> &check, const HeaderMessages &msg
            check.wrote(qts(io), kQtsMsg);
 }
 
+// The payload, from memory or streamed from its file. A payload file that
+// cannot be read whole is not a failed write: the caller looks at
+// e.sourceFailed() right after.
+int putPayload(const FileIO &io, const NewEntry &e) {
+    return e.source != nullptr ? e.source->writeTo(fileno(io.fp)) : io.write(e.data, e.data_length);
+}
+int putPayload(const BufIO &io, const NewEntry &e) { return io.write(e.data, e.data_length); }
+
 // The block: leading fields, then the payload.
 template <typename IO>
 bool putBlock(const IO &io, const Checker<IO> &check, const NewEntry &e, const char *tag_info_msg,
@@ -164,7 +140,7 @@ bool putBlock(const IO &io, const Checker<IO> &check, const NewEntry &e, const c
     return check.succeeded(tagInfo(io, e.data_type, e.has_sub_info, e.name, e.name_length,
                                    e.sub_info, e.sub_info_length),
                            tag_info_msg) &&
-           check.wrote(io.write(e.data, e.data_length), payload_msg);
+           check.wrote(putPayload(io, e), payload_msg) && !e.sourceFailed();
 }
 
 // True when every row of the table exists.
@@ -259,7 +235,7 @@ bool checkFirstTimeArgs(const NewEntry &e, const FirstTimeFlavour &f, uint32_t *
         YAXLogE(f.arg_tag, f.name_msg);
         return false;
     }
-    if (e.data == nullptr || e.data_length == 0) {
+    if (!e.hasData()) {
         YAXLogE(f.arg_tag, f.data_msg);
         return false;
     }
@@ -290,14 +266,14 @@ int addFirst(const IO &io, const NewEntry &e, uint32_t block_length, const First
         YAXLogE(f.seek_tag, f.seek_msg, 0);
         return 0;
     }
-    auto undo = undoScope(io, end);
+    auto undo = undoScope(io, end, e.abandoned());
     if (!undo.ready()) return 0;
     const Checker<IO> check(io, f.io_tag, FailTest::kZero);
     if (!check.succeeded(tagInfo(io, e.data_type, e.has_sub_info, e.name, e.name_length,
                                  e.sub_info, e.sub_info_length),
                          f.tag_info_msg))
         return 0;
-    if (!check.wrote(io.write(e.data, e.data_length), f.payload_msg)) return 0;
+    if (!check.wrote(putPayload(io, e), f.payload_msg) || e.sourceFailed()) return 0;
     if (!putHeader(io, check, f.fields, nullptr, e.metaType(), block_length)) return 0;
     return undo.commit() ? 1 : 0;
 }
@@ -325,6 +301,14 @@ constexpr AppendFlavour kAppendFP{"YAXEncoder::AddYAXDataFP", "YAXEncoder::AddYA
                                   "YAX_info == NUL",          "fp == NUL",
                                   "File Search Error ",       "File _writeDataTagInfo Error"};
 
+// An add writes over the header: no block of the table may lie in it.
+// A header before the file's start is left to the seek that follows, which
+// reports it.
+bool rowsClearOfHeader(const YaxInfo *info, const char *tag) {
+    return info->meta_count == 0 || info->file_size < int64_t{info->header_offset} ||
+           trailerEditable(info, info->file_size, kNeedRowsInside, 0, tag);
+}
+
 bool checkAppendArgs(const NewEntry &e, const YaxInfo *info, const AppendFlavour &f,
                      uint32_t *block_length) {
     const char *msg = nullptr;
@@ -332,14 +316,14 @@ bool checkAppendArgs(const NewEntry &e, const YaxInfo *info, const AppendFlavour
         msg = kUserDataMsg;
     else if (e.name == nullptr || e.name_length == 0)
         msg = kAddNameMsg;
-    else if (e.data == nullptr || e.data_length == 0)
+    else if (!e.hasData())
         msg = kAddDataMsg;
     else if (info == nullptr || !tableUsable(info))
         msg = f.info_msg;
     else if (!e.blockLength(block_length))
         msg = kTooBigMsg;
     if (msg != nullptr) YAXLogE(f.arg_tag, msg);
-    return msg == nullptr;
+    return msg == nullptr && rowsClearOfHeader(info, f.io_tag);
 }
 
 // The new block over the old header, then the longer header and the tail.
@@ -427,7 +411,7 @@ int addToTrailer(const IO &io, YaxInfo *info, const NewEntry &e, VonoInfo *vono)
         YAXLogE(f.io_tag, f.seek_msg);
         return 0;
     }
-    auto undo = undoScope(io, header_pos);
+    auto undo = undoScope(io, header_pos, e.abandoned());
     if (!undo.ready()) return 0;
     const Checker<IO> check(io, f.io_tag, FailTest::kBackend);
     if (!appendAtHeader(io, check, info, e, block_length, f.tag_info_msg, vono == nullptr)) return 0;
@@ -488,7 +472,7 @@ int addToTrailerByPath(const char *path, YaxInfo *info, const NewEntry &e, VonoI
     const Checker<FileIO> check(io, f.io_tag, FailTest::kBackend);
     bool ok;
     {
-        UndoScope undo(fp, pos);
+        UndoScope undo(fp, pos, e.abandoned());
         ok = undo.ready() && appendAtHeader(io, check, info, e, block_length, f.tag_info_msg, vono == nullptr);
         if (ok && vono != nullptr) ok = putVonoFromRecord(io, vono);
         ok = ok && undo.commit();
@@ -512,11 +496,16 @@ int fastAdd(YaxInfo *info, const NewEntry &e, int reuse_first) {
     }
     uint32_t block_length = 0;
     if (e.name == nullptr || e.name_length == 0 || info == nullptr || info->fp == nullptr ||
-        e.data == nullptr || e.data_length == 0 || !tableUsable(info) ||
+        !e.hasData() || !tableUsable(info) ||
         !e.blockLength(&block_length))
         return 0;
 
     const FileIO io{info->fp};
+    // Entry 0's room, or the header, is written over: no block may lie in
+    // the header, and entry 0's must lie inside the file.
+    if (info->meta_count != 0 &&
+        !trailerEditable(io, info, kNeedRowsInside, "YAXEncoder::FastAddYAXData"))
+        return 0;
     const int64_t header_pos = headerPosition(io, info);
     if (header_pos < 0) return 0;
 
@@ -530,28 +519,32 @@ int fastAdd(YaxInfo *info, const NewEntry &e, int reuse_first) {
         const int64_t first_pos =
             info->file_size - (int64_t{info->header_offset} + int64_t{first.offset});
         if (first_pos < 0 || io.seek(first_pos, SEEK_SET) < 0) return 0;
-        UndoScope undo(info->fp, first_pos);
+        UndoScope undo(info->fp, first_pos, e.abandoned());
         if (!undo.ready()) return 0;
-        // The block and the header each go out in one write (see WriteGather).
+        // The block and the header each go out in one write (see WriteGather;
+        // a payload streamed from a file larger than a copy chunk goes
+        // straight to the file instead).
         const uint32_t first_offset = first.offset;
         writeAtOnce(info->fp, [&] {
             io.seek(first_pos, SEEK_SET);
             if (spare == 0) {
                 // exactly entry 0's size: its place, and its row retyped
                 putBlock(io, unchecked, e, nullptr, nullptr);
+                if (e.sourceFailed()) return 0;
                 io.seek(header_pos, SEEK_SET);
                 return writeDummyYAXHeader(info, e.data_type, e.has_sub_info);
             }
             // a smaller filler first, the new block ending where entry 0 ended
             writeDummyYAXData(info->fp, spare);
             putBlock(io, unchecked, e, nullptr, nullptr);
+            if (e.sourceFailed()) return 0;
             io.seek(header_pos, SEEK_SET);
             return writeYAXHeader(info, info->meta_count + 1, 1, first_offset, spare,
                                   first_offset - spare, block_length, e.data_type, e.has_sub_info);
         });
         return undo.commit() ? 1 : 0;
     }
-    UndoScope undo(info->fp, header_pos);
+    UndoScope undo(info->fp, header_pos, e.abandoned());
     if (!undo.ready()) return 0;
     appendAtHeader(io, unchecked, info, e, block_length, nullptr, true);
     return undo.commit() ? 1 : 0;
@@ -590,6 +583,37 @@ int addFirstOnStream(const IO &io, const NewEntry &e, const FirstTimeFlavour &f)
 }
 
 }  // namespace
+
+int addFirstByPath(const char *path, const NewEntry &e) {
+    const FirstTimeFlavour &f = kFirstPath;
+    uint32_t block_length = 0;
+    if (!checkFirstTimeArgs(e, f, &block_length)) return 0;
+    FILE *fp = path != nullptr ? _qfopen(path, "r+b") : nullptr;
+    if (fp == nullptr) {
+        YAXLogE(f.io_tag, f.stream_msg);
+        return 0;
+    }
+    int r = addFirst(FileIO{fp}, e, block_length, f);
+    _qfclose(fp);
+    return r;
+}
+
+int addFirstToStream(FILE *fp, const NewEntry &e) {
+    return addFirstOnStream(FileIO{fp}, e, kFirstFP);
+}
+
+int addByPath(const char *path, YaxInfo *info, const NewEntry &e, VonoInfo *vono) {
+    return addToTrailerByPath(path, info, e, vono);
+}
+
+int addToStream(FILE *fp, YaxInfo *info, const NewEntry &e, VonoInfo *vono) {
+    return addToTrailer(FileIO{fp}, info, e, vono);
+}
+
+int fastAddEntry(YaxInfo *info, const NewEntry &e, int reuse_first) {
+    return fastAdd(info, e, reuse_first);
+}
+
 }  // namespace yax
 
 using yax::BufIO;
@@ -603,17 +627,7 @@ YAX_EXPORT int AddYAXDataInFirstTime(const char *path, const char *name, uint32_
                                      uint32_t sub_info_length, const void *data,
                                      uint32_t data_length) {
     const NewEntry e(data_type, name, name_length, sub_info, sub_info_length, data, data_length);
-    const yax::FirstTimeFlavour &f = yax::kFirstPath;
-    uint32_t block_length = 0;
-    if (!yax::checkFirstTimeArgs(e, f, &block_length)) return 0;
-    FILE *fp = path != nullptr ? _qfopen(path, "r+b") : nullptr;
-    if (fp == nullptr) {
-        YAXLogE(f.io_tag, f.stream_msg);
-        return 0;
-    }
-    int r = yax::addFirst(FileIO{fp}, e, block_length, f);
-    _qfclose(fp);
-    return r;
+    return yax::addFirstByPath(path, e);
 }
 
 YAX_EXPORT int AddYAXDataInFirstTimeFP(FILE *fp, const char *name, uint32_t name_length,
@@ -621,7 +635,7 @@ YAX_EXPORT int AddYAXDataInFirstTimeFP(FILE *fp, const char *name, uint32_t name
                                        uint32_t sub_info_length, const void *data,
                                        uint32_t data_length) {
     const NewEntry e(data_type, name, name_length, sub_info, sub_info_length, data, data_length);
-    return yax::addFirstOnStream(FileIO{fp}, e, yax::kFirstFP);
+    return yax::addFirstToStream(fp, e);
 }
 
 YAX_EXPORT int AddYAXDataInFirstTimeBuffer(YAXBUFFER *handle, const char *name,
@@ -636,14 +650,14 @@ YAX_EXPORT int AddYAXData(const char *path, YaxInfo *info, const char *name, uin
                           uint32_t data_type, const void *sub_info, uint32_t sub_info_length,
                           const void *data, uint32_t data_length, VonoInfo *vono) {
     const NewEntry e(data_type, name, name_length, sub_info, sub_info_length, data, data_length);
-    return yax::addToTrailerByPath(path, info, e, vono);
+    return yax::addByPath(path, info, e, vono);
 }
 
 YAX_EXPORT int AddYAXDataFP(FILE *fp, YaxInfo *info, const char *name, uint32_t name_length,
                             uint32_t data_type, const void *sub_info, uint32_t sub_info_length,
                             const void *data, uint32_t data_length, VonoInfo *vono) {
     const NewEntry e(data_type, name, name_length, sub_info, sub_info_length, data, data_length);
-    return yax::addToTrailer(FileIO{fp}, info, e, vono);
+    return yax::addToStream(fp, info, e, vono);
 }
 
 YAX_EXPORT int AddYAXDataBuffer(YAXBUFFER *handle, YaxInfo *info, const char *name,
@@ -684,6 +698,7 @@ YAX_EXPORT int AddDirectYAXDataFP(FILE *fp, YaxInfo *info, uint32_t data_type,
         YAXLogE(tag, "YAX_info == VELTA_YAX_NULL");
         return 0;
     }
+    if (!yax::rowsClearOfHeader(info, tag)) return 0;
     if (fp == nullptr) {
         YAXLogE(tag, "fp == VELTA_YAX_NULL");
         return 0;
@@ -722,7 +737,7 @@ YAX_EXPORT int FastAddYAXData(YaxInfo *info, const char *name, uint32_t name_len
                               uint32_t data_type, const void *sub_info, uint32_t sub_info_length,
                               const void *data, uint32_t data_length, int reuse_first) {
     const NewEntry e(data_type, name, name_length, sub_info, sub_info_length, data, data_length);
-    return yax::fastAdd(info, e, reuse_first);
+    return yax::fastAddEntry(info, e, reuse_first);
 }
 
 // The trailer after the add (everything from the first block to the end of

@@ -19,8 +19,10 @@
 #include <cstdio>
 
 #include "container/layout.hpp"
+#include "container/validate.hpp"
 #include "support/gather.hpp"
 #include "support/io.hpp"
+#include "support/copy.hpp"
 #include "support/safe_file.hpp"
 #include "yax_container.h"
 #include "yax_support.h"
@@ -138,26 +140,10 @@ int64_t dataStart(const YaxInfo *info) {
 }
 
 // Whether the table can drive an edit without reading or writing outside the
-// file: every row present, the file no shorter than when it was parsed, the
-// first block and the header inside it, and (when `all_rows`, for the deletes
-// that walk every block) the blocks together no longer than the room between
-// the first block and the header. A file parsed and left alone always passes.
+// file (validate.hpp); `all_rows` for the deletes that walk every block.
 template <typename IO>
 bool tableFits(IO io, const YaxInfo *info, bool all_rows, const char *tag) {
-    bool fits = info->meta_count != 0 && info->meta_data != nullptr;
-    for (uint32_t i = 0; fits && i < info->meta_count; ++i)
-        fits = info->meta_data[i] != nullptr;
-    if (fits) {
-        const int64_t real_size = io.seek(0, SEEK_END);
-        fits = real_size >= info->file_size && headerStart(info) >= 0 && dataStart(info) >= 0;
-    }
-    if (fits && all_rows) {
-        uint64_t blocks = 0;
-        for (uint32_t i = 0; i < info->meta_count; ++i) blocks += info->meta_data[i]->length;
-        fits = blocks <= static_cast<uint64_t>(headerStart(info) - dataStart(info));
-    }
-    if (!fits) YAXLogE(tag, "the entry table does not fit the file");
-    return fits;
+    return trailerEditable(io, info, all_rows ? kNeedBackToBack : kNeedFirstBlock, tag);
 }
 
 // Reads or writes `n` bytes in pieces; a piece that moves nothing ends it.
@@ -215,7 +201,7 @@ int rewrite(const char *path, YaxInfo *info, const char *mode, Body body) {
 // Copies `n` bytes of the edited file from absolute position `from`.
 void copyOut(FileIO out, FILE *in, int64_t from, int64_t n) {
     _qlseek64(in, from, SEEK_SET);
-    _qfilecopy(out.fp, in, n);
+    copyKept(out.fp, in, n);
 }
 
 bool usableForRewrite(const char *path, const YaxInfo *info) {
@@ -542,7 +528,9 @@ YAX_EXPORT int FastDeleteAYAXData(YaxInfo *info, uint32_t index, VonoInfo *vono,
         return 1;
     }
     const yax::FileIO io{info->fp};
-    if (!yax::tableFits(io, info, true, tag)) return 0;
+    // The walk below takes a filler it meets for row 0 and skips row 0.
+    if (!yax::trailerEditable(io, info, yax::kNeedBackToBack | yax::kNeedFillerFirst, tag, index))
+        return 0;
     // A block shorter than the filler's 20-byte fields, with no old filler
     // to merge into, cannot become filler: that entry alone is deleted in
     // place, and the file gets shorter by its length.

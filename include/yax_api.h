@@ -1,5 +1,6 @@
-/* Public file API: query, save, fast save and delete. Every record returned
- * here is released by its own destroy function, which accepts NULL. */
+/* Public file API: query, save, fast save, delete, and the same on a whole file held in a
+ * buffer stream. Every record returned here is released by its own destroy function, which
+ * accepts NULL. */
 #ifndef YAX_API_H
 #define YAX_API_H
 
@@ -35,6 +36,20 @@ YAX_EXPORT char **getNameListByDataType(YAXDATA *yaxdata, uint32_t data_type, ui
 YAX_EXPORT YAXDATA_UNIT *extractYAXDataFromFilebyIndex(YAXDATA *yaxdata, uint32_t index);
 YAX_EXPORT YAXDATA_UNIT *extractYAXDataFromFilebyName(YAXDATA *yaxdata, const char *name,
                                                       uint32_t name_length);
+/* This library's own extension, beside the extraction above: streaming
+ * extraction without a heap copy. Writes the payload (part
+ * YAX_STREAM_PAYLOAD) or the sub-information (part YAX_STREAM_SUB_INFO) of
+ * entry `index` (or of the first entry named `name`) of a record opened
+ * from a file to `out`, at its descriptor's position (stdio's buffer of
+ * `out` is flushed first), through one 256 KiB buffer. Returns the number of bytes written,
+ * or -1 after a logged failure: no such entry or part, a part that lies
+ * outside the file, or a read or write that failed (part of the bytes may
+ * then have been written). */
+#define YAX_STREAM_PAYLOAD 0
+#define YAX_STREAM_SUB_INFO 1
+YAX_EXPORT int64_t yaxStreamYAXData(YAXDATA *yaxdata, uint32_t index, int part, FILE *out);
+YAX_EXPORT int64_t yaxStreamYAXDataByName(YAXDATA *yaxdata, const char *name, int part,
+                                          FILE *out);
 YAX_EXPORT char *getYAXVersion(void); /* "105"; caller frees with _qfree */
 YAX_EXPORT void printYAXVersion(void);
 
@@ -104,6 +119,21 @@ YAX_EXPORT int saveYAXDataFileToFPToMP4(FILE *fp, const char *name, uint32_t nam
                                         const void *sub_info, uint32_t sub_info_length,
                                         const char *payload_path, uint32_t data_type,
                                         int option);
+
+/* ---- a whole file held in a buffer stream ---- */
+/* the query record of a buffer (no path); destroyYAXDATA_Buffer leaves the buffer alone */
+YAX_EXPORT YAXDATA *checkYAXInBuffer(YAXBUFFER *buffer);
+YAX_EXPORT void destroyYAXDATA_Buffer(YAXDATA *yaxdata);
+/* adds (or, with bit 0 of option, replaces) one entry; buffers with legacy audio are refused */
+YAX_EXPORT int saveYAXDataToBuffer(YAXBUFFER *buffer, const char *name, uint32_t name_length,
+                                   const void *sub_info, uint32_t sub_info_length,
+                                   const void *data, uint32_t data_length, uint32_t data_type,
+                                   int option);
+/* write the buffer's written bytes out; the byte count or -1. These two report
+ * their failures on standard output, not through the log. WriteHandle_Fp
+ * neither flushes nor closes the stream. */
+YAX_EXPORT int WriteHandle_Fp(YAXBUFFER *buffer, FILE *fp);
+YAX_EXPORT int WriteHandle_FilePath(const char *path, YAXBUFFER *buffer);
 
 /* ---- delete ---- */
 /* replaces *handle with a fresh record (or NULL) on success */

@@ -161,6 +161,19 @@ YAX_EXPORT int FastDeleteAllData(YaxInfo *info);
 YAX_EXPORT int FastDeleteAllYAXData(YaxInfo *info);
 YAX_EXPORT int FastDeleteAYAXData(YaxInfo *info, uint32_t index, VonoInfo *vono, int no_pad);
 
+/* ---- this library's own extension: a consistency report ----
+ * Lists every inconsistency found at the end of the file at `path` without
+ * changing it: a tail or header that does not fit, table rows that point
+ * outside the file, blocks that overlap each other, the header or the image
+ * or leave gaps, unreadable and duplicate names, a filler that is not row 0,
+ * stale bytes between the last row and the tail, a legacy audio block or an
+ * MP4 box whose sizes disagree with the file. Each problem is handed to
+ * `report` (may be NULL) as a short kind ("gap", "stale", ...) and one line
+ * of text. Returns the number of problems, or -1 when the file cannot be
+ * opened. The edits make the checks they rely on themselves. */
+typedef void (*YaxCheckReport)(void *context, const char *kind, const char *message);
+YAX_EXPORT int yaxCheckFile(const char *path, YaxCheckReport report, void *context);
+
 #ifdef __cplusplus
 }
 #endif

@@ -11,8 +11,9 @@ packages=(
   libbenchmark-dev                       # the benchmarks (-DYAX_BUILD_BENCH=ON)
   libjpeg-turbo-progs                    # djpeg: edited images must still decode
   ffmpeg                                 # ffprobe: edited MP4 clips must still play
+  clang libclang-rt-14-dev               # the libFuzzer targets (scripts/fuzz.sh)
 )
-commands=(cmake make g++ pkg-config arm-linux-gnueabihf-g++ qemu-arm djpeg ffprobe)
+commands=(cmake make g++ pkg-config arm-linux-gnueabihf-g++ qemu-arm djpeg ffprobe clang)
 
 missing=()
 for p in "${packages[@]}"; do

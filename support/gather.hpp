@@ -33,6 +33,8 @@ public:
     // Used by the file primitives: takes `n` bytes written to `fd`, or
     // answers false when no gather holds that descriptor.
     static bool take(int fd, const void *p, size_t n);
+    // Whether a gather of this thread holds `fd`.
+    static bool holds(int fd);
 
 private:
     struct Run {

@@ -237,9 +237,10 @@ bool RewriteTemp::replace(const char *path, const char *tag) {
 
 thread_local int tOpenScopes = 0;
 
-UndoScope::UndoScope(FILE *fp, int64_t from) : fp_(fp), safe_(safeEdits()), from_(from) {
-    if (!safe_ || fp == nullptr) return;
-    save(fileno(fp), pathOfStream(fp));
+UndoScope::UndoScope(FILE *fp, int64_t from, const bool *abandoned)
+    : fp_(fp), safe_(safeEdits()), abandoned_(abandoned), from_(from) {
+    if ((!safe_ && abandoned == nullptr) || fp == nullptr) return;
+    save(fileno(fp), safe_ ? pathOfStream(fp) : std::string());
 }
 
 UndoScope::UndoScope(const char *path, int64_t from)
@@ -316,7 +317,18 @@ void UndoScope::save(int fd, const std::string &real) {
 }
 
 UndoScope::~UndoScope() {
-    if (open_) restore();
+    if (!open_) return;
+    if (safe_ || abandoned())
+        restore();
+    else
+        release();
+}
+
+// The default mode's scope of a streamed payload, let go without restoring.
+void UndoScope::release() {
+    open_ = false;
+    if (!nested_) --tOpenScopes;
+    old_.clear();
 }
 
 int UndoScope::openForWrite() const {
@@ -329,6 +341,11 @@ void UndoScope::closeAfterWrite(int fd) const {
 
 bool UndoScope::commit() {
     if (!safe_) {
+        if (open_ && abandoned()) {
+            restore();
+            return false;
+        }
+        if (open_) release();
         syncStream(fp_);
         return true;
     }
@@ -362,7 +379,9 @@ void UndoScope::restore() {
         YAXLogE(kTag, "cannot put the old bytes back; %s keeps them", journal_.c_str());
         return;
     }
-    YAXLogE(kTag, "a write failed; the file is as it was before the edit");
+    YAXLogE(kTag, abandoned() ? "the payload could not be read whole; the file is as it was "
+                                "before the edit"
+                              : "a write failed; the file is as it was before the edit");
     if (!journal_.empty()) unlink(journal_.c_str());
 }
 

@@ -161,16 +161,27 @@ TEST_P(DeleteOne, LayoutsAfterTheDelete) {
 
 TEST_P(DeleteOne, MalformedTablesFailCleanlyAndChangeNothing) {
     const Flavour f = GetParam();
-    const std::string line = tu::errLine(std::string("YAXEncoder::DeleteAYAXData") +
-                                             (f == InPlace ? "FP" : f == Buffer ? "Buffer" : ""),
-                                         "the entry table does not fit the file");
-    for (const auto &damage : std::vector<std::function<void(YaxInfo *)>>{
-             [](YaxInfo *i) { i->meta_data[2]->length = 0xFFFFFF00u; },  // past the header
-             [](YaxInfo *i) { i->meta_data[1]->length = i->meta_data[2]->length = 0x80000000u; },  // wraps
-             [](YaxInfo *i) { i->meta_data[0]->offset = 0xFFFFFFF0u; },  // first block before the file
-             [](YaxInfo *i) { i->file_size += int64_t(1) << 33; },       // file shorter than parsed
-             [](YaxInfo *i) { _qfree(i->meta_data[1]), i->meta_data[1] = nullptr; }})
-        expectEdit(f, {}, [&](Target &t) { return damage(t.info), t.del(f, 1); }, Layout{}.bytes(), 0, line);
+    const std::string tag = std::string("YAXEncoder::DeleteAYAXData") +
+                            (f == InPlace ? "FP" : f == Buffer ? "Buffer" : "");
+    const std::string fit = "the entry table does not fit the file",
+                      apart = "the blocks of the entry table are not back to back",
+                      into = "a block of the entry table runs into the header";
+    using Damage = std::function<void(YaxInfo *)>;
+    for (const auto &[damage, msg] : std::vector<std::pair<Damage, std::string>>{
+             {[](YaxInfo *i) { i->meta_data[2]->length = 0xFFFFFF00u; }, into},  // past the header
+             {[](YaxInfo *i) { i->meta_data[1]->length = i->meta_data[2]->length = 0x80000000u; }, into},
+             {[](YaxInfo *i) { i->meta_data[0]->offset = 0xFFFFFFF0u; }, fit},  // before the file
+             {[](YaxInfo *i) { i->file_size += int64_t(1) << 33; }, fit},       // file shorter than parsed
+             {[](YaxInfo *i) { _qfree(i->meta_data[1]), i->meta_data[1] = nullptr; }, fit},
+             {[](YaxInfo *i) { i->meta_data[0]->length = i->meta_data[0]->offset + 1; }, into},
+             // blocks that do not follow each other: a gap, an overlap, a row one
+             // byte short, a gap before the header
+             {[](YaxInfo *i) { i->meta_data[0]->offset += 4; }, apart},
+             {[](YaxInfo *i) { i->meta_data[1]->offset += 4; }, apart},
+             {[](YaxInfo *i) { i->meta_data[1]->length -= 1; }, apart},
+             {[](YaxInfo *i) { for (int k = 0; k < 3; ++k) i->meta_data[k]->offset += 4; }, apart}})
+        expectEdit(f, {}, [&](Target &t) { return damage(t.info), t.del(f, 1); }, Layout{}.bytes(), 0,
+                   tu::errLine(tag, msg));
 }
 
 INSTANTIATE_TEST_SUITE_P(Flavours, DeleteOne, ::testing::Values(Rewrite, InPlace, Buffer));

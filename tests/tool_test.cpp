@@ -6,6 +6,8 @@
 #include <sys/xattr.h>
 #include <termios.h>
 
+#include <filesystem>
+#include <set>
 #include <sstream>
 #include <tuple>
 
@@ -322,6 +324,29 @@ TEST_F(ToolTest, EditsKeepModeOwnerAttributesAndLinks) {
     EXPECT_EQ(tu::readFile(image), jpeg);
 }
 
+// Payloads are streamed, not held: from a pipe (copied to a file without a
+// name first), from the target itself, at a copy chunk and a byte, and out
+// again to standard output and to a file. Nothing is left beside the file.
+TEST_F(ToolTest, PayloadsFromPipesAndFromTheTargetItself) {
+    Bytes big(size_t{1} << 18 | 1);
+    for (size_t i = 0; i < big.size(); ++i) big[i] = uint8_t(i * 13 + (i >> 8));
+    const std::string src = dir.path(".big");
+    tu::writeFile(src, big);
+    const std::string pipe = "cat '" + src + "' | " + tool() + "put '" + image + "' big - >/dev/null 2>&1";
+    ASSERT_EQ(0, std::system(pipe.c_str()));
+    const Bytes before = tu::readFile(image);
+    EXPECT_EQ(before, jpeg + tb::trailer({Entry{1, "big", text(big), ""}}));
+    EXPECT_EQ(yax({"put", image, "self", image}), ok());
+    EXPECT_EQ(yax({"put", image, "self2", "-"}, text(before)), ok());
+    EXPECT_EQ(yax({"get", image, "big"}), ok(text(big)));
+    EXPECT_EQ(yax({"get", image, "self", "-o", dir.path("self.out")}), ok());
+    EXPECT_EQ(tu::readFile(dir.path("self.out")), before);
+    EXPECT_EQ(yax({"get", image, "self2"}), ok(text(before)));
+    std::set<std::string> names;
+    for (const auto &e : std::filesystem::directory_iterator(dir.dir())) names.insert(e.path().filename());
+    EXPECT_EQ(names, (std::set<std::string>{".big", ".err", ".in", ".out", "photo.jpg", "self.out"}));
+}
+
 }  // namespace
 
 namespace {
@@ -386,6 +411,45 @@ TEST_F(ToolTest, Mp4EditsKeepOneSizedBoxAndTheVideo) {
         }
         EXPECT_EQ(probe(), before);
     }
+}
+
+// check: clean files exit 0 and print nothing; damaged ones print one line
+// per problem and exit 1; fast edits of a damaged file, and the fast replace
+// whose exact fit would leave stale bytes, take the rewriting way and say so,
+// and never leave a file that check reports.
+TEST_F(ToolTest, CheckAndFastEditsThatStayClean) {
+    const Entry a{1, "a", std::string(25, 'a'), ""}, b{1, "b", std::string(30, 'b'), ""},
+        c{1, "c", std::string(30, 'c'), ""}, f{0x7FFE, "Invalid_Data", std::string(14, '\0'), ""};
+    tu::writeFile(image, jpeg + tb::trailer({a, b, c}));
+    EXPECT_EQ(yax({"check", image}), ok());
+    nlohmann::json doc = nlohmann::json::parse(std::get<1>(yax({"check", image, "--json"})));
+    EXPECT_TRUE(doc["clean"] == true && doc["problems"].empty()) << doc;
+
+    // a filler that is not row 0
+    tu::writeFile(image, jpeg + tb::trailer({a, f, c}));
+    EXPECT_EQ(yax({"check", image}),
+              Outcome(1, image + ": filler: row 1 is a filler entry but not row 0\n", ""));
+    // ... a fast rm of row 0 takes the rewriting way
+    EXPECT_EQ(yax({"rm", image, "a", "--fast"}),
+              Outcome(0, "", "yax: " + image + ": filler: row 1 is a filler entry but not row 0; "
+                             "editing without --fast instead\n"));
+    EXPECT_EQ(tu::readFile(image), jpeg + tb::trailer({f, c}));
+    EXPECT_EQ(std::get<0>(yax({"check", image})), 0);
+
+    // The documented exact-fit fast replace next to a filler: refused as fast.
+    tu::writeFile(image, jpeg + tb::trailer({a, b, c}));
+    EXPECT_EQ(yax({"rm", image, "a", "--fast"}), ok());
+    const std::string fit = dir.path("fit");
+    tu::writeFile(fit, tb::bytes(std::string(64, 'B')));  // 73 bytes: the merged filler
+    EXPECT_EQ(yax({"put", image, "b", fit, "--replace", "--fast"}),
+              Outcome(0, "", "yax: " + image + ": a fast replace of exactly this size would leave "
+                             "stale bytes before the tail; editing without --fast instead\n"));
+    EXPECT_EQ(yax({"check", image}), ok());
+    for (const char *n : {"c", "b"}) {
+        EXPECT_EQ(yax({"rm", image, n, "--fast"}), ok());
+        EXPECT_EQ(yax({"check", image}), ok());
+    }
+    EXPECT_EQ(std::get<0>(yax({"check", dir.path("missing.jpg")})), 1);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 //   yax put   FILE NAME [DATAFILE|-] [--type N] [--sub-info FILE] [--replace] [--fast]
 //   yax rm    FILE NAME... [--fast]
 //   yax clear FILE [--fast]
+//   yax check FILE [--json]
 //
 // Results go to standard output, one-line errors to standard error. The
 // library prints its own log lines on standard output; they never reach the
@@ -41,7 +42,7 @@ constexpr const char *kToneListName = "TonePhoto_Meta_Info";
 constexpr uint64_t kMaxPayload = 0xFFF00000u;  // larger payloads are refused by every save
 constexpr size_t kMaxNameLength = 1024;        // longer names cannot be read back
 constexpr uint32_t kMaxDataType = 0xFFFFu;     // the type lives in 16 bits
-constexpr size_t kChunk = 1 << 16;
+constexpr size_t kChunk = 1 << 18;
 
 enum Exit { kOk = 0, kFailed = 1, kUsage = 2 };
 
@@ -137,7 +138,7 @@ bool readStream(FILE *in, std::vector<unsigned char> &out) {
     return !std::ferror(in);
 }
 
-// Reads DATAFILE, or standard input for "-".
+// Reads the sub-information file, or standard input for "-".
 std::optional<std::string> readInput(const std::string &path, std::vector<unsigned char> &out) {
     if (path == "-") {
         if (!readStream(stdin, out))
@@ -155,35 +156,87 @@ std::optional<std::string> readInput(const std::string &path, std::vector<unsign
     return std::nullopt;
 }
 
-// Copies `length` bytes at `offset` of `path` to `out`.
-std::optional<std::string> copyRange(const std::string &path, int64_t offset, int64_t length,
-                                     FILE *out) {
-    FILE *in = std::fopen(path.c_str(), "rb");
-    if (in == nullptr) return "cannot open " + path + ": " + std::strerror(errno);
-    std::optional<std::string> error;
-    struct stat st {};
-    if (fstat(fileno(in), &st) != 0 || offset < 0 || length < 0 ||
-        offset > static_cast<int64_t>(st.st_size) ||
-        length > static_cast<int64_t>(st.st_size) - offset) {
-        error = path + ": the entry lies outside the file";
-    } else if (fseeko(in, static_cast<off_t>(offset), SEEK_SET) != 0) {
-        error = "cannot seek in " + path + ": " + std::strerror(errno);
-    } else {
-        std::vector<unsigned char> chunk(kChunk);
-        int64_t left = length;
-        while (left > 0 && !error) {
-            size_t want = left < static_cast<int64_t>(kChunk) ? static_cast<size_t>(left) : kChunk;
-            size_t got = std::fread(chunk.data(), 1, want, in);
-            if (got != want)
-                error = "cannot read " + path + ": " +
-                        (std::ferror(in) ? std::strerror(errno) : "unexpected end of file");
-            else if (!writeAll(out, chunk.data(), got))
-                error = std::string("cannot write the output: ") + std::strerror(errno);
-            left -= static_cast<int64_t>(got);
-        }
+// The payload of a put, never held in memory: the library streams it from a
+// file. DATAFILE (or standard input) when it is a regular file read from its
+// start; anything else (a pipe) is first copied to a file that has no name
+// (created beside the target and unlinked at once), so nothing of it stays
+// behind.
+struct PayloadFile {
+    std::string path;  // what the library opens
+    int64_t size = 0;
+    int spool = -1;
+    PayloadFile() = default;
+    PayloadFile(const PayloadFile &) = delete;
+    PayloadFile &operator=(const PayloadFile &) = delete;
+    ~PayloadFile() {
+        if (spool >= 0) close(spool);
     }
-    std::fclose(in);
+};
+
+std::string folderOf(const std::string &path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+}
+
+std::optional<std::string> openPayload(const std::string &dataPath, const std::string &target,
+                                       PayloadFile &p) {
+    const bool fromStdin = dataPath == "-";
+    const std::string shown = fromStdin ? "standard input" : dataPath;
+    const int in = fromStdin ? STDIN_FILENO : open(dataPath.c_str(), O_RDONLY | O_CLOEXEC);
+    if (in < 0) return "cannot open " + dataPath + ": " + std::strerror(errno);
+    struct stat st {}, self {};
+    std::optional<std::string> error;
+    // The target itself is copied too: it changes under the put.
+    if (fstat(in, &st) != 0) {
+        error = "cannot read " + shown + ": " + std::strerror(errno);
+    } else if (S_ISDIR(st.st_mode)) {
+        error = dataPath + " is a directory";
+    } else if (S_ISREG(st.st_mode) && lseek(in, 0, SEEK_CUR) == 0 &&
+               !(stat(target.c_str(), &self) == 0 && self.st_dev == st.st_dev &&
+                 self.st_ino == st.st_ino)) {
+        p.path = fromStdin ? "/proc/self/fd/0" : dataPath;
+        p.size = st.st_size;
+    } else {
+        for (const std::string &dir : {folderOf(target), std::string("/tmp")}) {
+            std::string name = dir + "/.yax-put.XXXXXX";
+            p.spool = mkostemp(name.data(), O_CLOEXEC);
+            if (p.spool >= 0) {
+                unlink(name.c_str());
+                break;
+            }
+        }
+        std::vector<unsigned char> chunk(kChunk);
+        ssize_t n = 0;
+        while (p.spool >= 0 && p.size <= static_cast<int64_t>(kMaxPayload) &&
+               ((n = read(in, chunk.data(), chunk.size())) > 0 || (n < 0 && errno == EINTR))) {
+            if (n > 0 && write(p.spool, chunk.data(), static_cast<size_t>(n)) != n) break;
+            p.size += n > 0 ? n : 0;
+        }
+        if (p.spool < 0 || n < 0)
+            error = "cannot read " + shown + ": " + std::strerror(errno);
+        else if (n > 0)
+            error = std::string("cannot hold ") + shown + ": " + std::strerror(errno);
+        p.path = "/proc/self/fd/" + std::to_string(p.spool);
+    }
+    if (!fromStdin) close(in);
     return error;
+}
+
+// Whether `length` bytes at `offset` of `path` are the whole of `payload`.
+bool storedAs(const std::string &path, int64_t offset, const std::string &payload, int64_t length) {
+    FILE *a = std::fopen(path.c_str(), "rb"), *b = std::fopen(payload.c_str(), "rb");
+    bool same = a != nullptr && b != nullptr && fseeko(a, static_cast<off_t>(offset), SEEK_SET) == 0;
+    std::vector<unsigned char> x(kChunk), y(kChunk);
+    for (int64_t left = length; same && left > 0;) {
+        const size_t want = left < static_cast<int64_t>(kChunk) ? static_cast<size_t>(left) : kChunk;
+        same = std::fread(x.data(), 1, want, a) == want && std::fread(y.data(), 1, want, b) == want &&
+               std::memcmp(x.data(), y.data(), want) == 0;
+        left -= static_cast<int64_t>(want);
+    }
+    same = same && std::fgetc(b) == EOF;
+    if (a != nullptr) std::fclose(a);
+    if (b != nullptr) std::fclose(b);
+    return same;
 }
 
 // ---------------------------------------------------------------------------
@@ -456,6 +509,57 @@ int cmdList(const std::string &path, bool json) {
 }
 
 // ---------------------------------------------------------------------------
+// check
+
+struct Problem {
+    std::string kind, message;
+};
+
+// Every inconsistency the library's report finds at the end of the file.
+std::vector<Problem> problemsOf(const std::string &path, bool *unreadable = nullptr) {
+    std::vector<Problem> found;
+    LibraryQuiet quiet;
+    const int n = yaxCheckFile(
+        path.c_str(),
+        [](void *ctx, const char *kind, const char *message) {
+            static_cast<std::vector<Problem> *>(ctx)->push_back({kind, message});
+        },
+        &found);
+    if (unreadable != nullptr) *unreadable = n < 0;
+    return found;
+}
+
+int cmdCheck(const std::string &path, bool asJson) {
+    if (auto why = unusable(path, false)) return fail(*why);
+    FileLock lock;
+    if (auto why = lock.acquire(path)) return fail(*why);
+    bool unreadable = false;
+    const std::vector<Problem> found = problemsOf(path, &unreadable);
+    if (unreadable) return fail(path + ": cannot be read");
+    std::string text;
+    if (asJson) {
+        nlohmann::json::array_t list;
+        for (const Problem &p : found) list.push_back({{"kind", p.kind}, {"message", p.message}});
+        text = nlohmann::json{{"file", path}, {"clean", found.empty()}, {"problems", list}}.dump(2) + "\n";
+    } else {
+        for (const Problem &p : found) text += path + ": " + p.kind + ": " + p.message + "\n";
+    }
+    const int r = emit(text);
+    return r != kOk ? r : found.empty() ? kOk : kFailed;
+}
+
+// A fast edit goes ahead only on a file the report finds clean: on anything
+// else the documented in-place steps can misplace blocks or the tail, so the
+// edit takes the rewriting way instead, and says why.
+bool fastIsSafe(const std::string &path) {
+    const std::vector<Problem> found = problemsOf(path);
+    if (found.empty()) return true;
+    std::fprintf(stderr, "yax: %s: %s: %s; editing without --fast instead\n", path.c_str(),
+                 found[0].kind.c_str(), found[0].message.c_str());
+    return false;
+}
+
+// ---------------------------------------------------------------------------
 // get
 
 const Entry *findEntry(const Contents &c, const std::string &name) {
@@ -463,6 +567,35 @@ const Entry *findEntry(const Contents &c, const std::string &name) {
     for (const Entry &e : c.entries)
         if (e.name == name) return &e;
     return nullptr;
+}
+
+// Streams the payload or sub-information of `e` to `out` through the library
+// (in large chunks, never the whole payload at once). The library runs with
+// standard output silenced, so it writes to a copy of `out`'s descriptor.
+std::optional<std::string> extract(const std::string &path, const Entry &e, bool subInfo, FILE *out) {
+    const int64_t length = subInfo ? e.subLength : e.length;
+    if (length == 0) return std::nullopt;  // an empty payload: nothing to copy
+    std::fflush(out);
+    const int fd = dup(fileno(out));
+    FILE *to = fd >= 0 ? fdopen(fd, "wb") : nullptr;
+    if (to == nullptr) {
+        if (fd >= 0) close(fd);
+        return std::string("cannot write the output: ") + std::strerror(errno);
+    }
+    int64_t copied = -1;
+    {
+        LibraryQuiet quiet;
+        if (YAXDATA *yd = checkYAXWithReadPM(path.c_str())) {
+            copied = yaxStreamYAXData(yd, e.index, subInfo ? YAX_STREAM_SUB_INFO : YAX_STREAM_PAYLOAD, to);
+            destroyYAXDATA(yd);
+        }
+    }
+    const int err = errno;
+    if (std::fclose(to) != 0 && copied == length) copied = -1;
+    if (copied != length)
+        return path + ": copying entry " + quoted(e.name) + " failed (" + std::strerror(err) +
+               "; --verbose shows why)";
+    return std::nullopt;
 }
 
 int cmdGet(const std::string &path, const std::string &name, const std::string &outPath,
@@ -476,11 +609,8 @@ int cmdGet(const std::string &path, const std::string &name, const std::string &
     if (subInfo && !e->hasSubInfo)
         return fail(path + ": entry " + quoted(name) + " has no sub-information");
     if (!e->readable) return fail(path + ": entry " + quoted(name) + " is damaged and cannot be read");
-    int64_t offset = subInfo ? e->subOffset : e->offset;
-    int64_t length = subInfo ? e->subLength : e->length;
-
     if (outPath.empty() || outPath == "-") {
-        if (auto why = copyRange(path, offset, length, stdout)) return fail(*why);
+        if (auto why = extract(path, *e, subInfo, stdout)) return fail(*why);
         if (std::fflush(stdout) != 0)
             return fail(std::string("cannot write the output: ") + std::strerror(errno));
         return kOk;
@@ -497,7 +627,7 @@ int cmdGet(const std::string &path, const std::string &name, const std::string &
         close(fd);
         error = "cannot create " + outPath + ": " + std::strerror(errno);
     } else {
-        error = copyRange(path, offset, length, out);
+        error = extract(path, *e, subInfo, out);
         if (std::fclose(out) != 0 && !error)
             error = "cannot write " + outPath + ": " + std::strerror(errno);
     }
@@ -556,7 +686,7 @@ std::string tooSmall(const std::string &path) {
 // After an edit: what the file must hold, or why it does not.
 std::optional<std::string> verifyEdit(const std::string &path, const Contents &before,
                                       const std::set<std::string> &gone, const std::string &added,
-                                      const std::vector<unsigned char> *data) {
+                                      const PayloadFile *data) {
     Contents after;
     if (auto why = readContents(path, after))
         return "after the edit: " + *why;
@@ -570,15 +700,10 @@ std::optional<std::string> verifyEdit(const std::string &path, const Contents &b
         if (count[n] != 0) return "entry " + quoted(n) + " is still there";
     if (data == nullptr) return std::nullopt;
     const Entry *e = findEntry(after, added);
-    if (e == nullptr || count[added] != 1 || !e->readable ||
-        e->length != static_cast<int64_t>(data->size()))
+    if (e == nullptr || count[added] != 1 || !e->readable || e->length != data->size)
         return "entry " + quoted(added) + " was not stored once and whole";
-    std::vector<unsigned char> stored(data->size());
-    FILE *in = std::fopen(path.c_str(), "rb");
-    bool same = in != nullptr && fseeko(in, static_cast<off_t>(e->offset), SEEK_SET) == 0 &&
-                std::fread(stored.data(), 1, stored.size(), in) == stored.size() && stored == *data;
-    if (in != nullptr) std::fclose(in);
-    if (!same) return "entry " + quoted(added) + " does not read back as stored";
+    if (!storedAs(path, e->offset, data->path, data->size))
+        return "entry " + quoted(added) + " does not read back as stored";
     return std::nullopt;
 }
 
@@ -618,10 +743,11 @@ int cmdPut(const std::string &path, const std::string &name, const std::string &
     if (type == YAX_USER_DEFINED_DATA && subPath.empty())
         return fail("data type 0 needs sub-information (--sub-info FILE)");
 
-    std::vector<unsigned char> data, sub;
-    if (auto why = readInput(dataPath, data)) return fail(*why);
-    if (data.empty()) return fail("the payload is empty; an entry needs at least one byte");
-    if (data.size() > kMaxPayload) return fail("the payload is too big to store");
+    PayloadFile data;
+    std::vector<unsigned char> sub;
+    if (auto why = openPayload(dataPath, path, data)) return fail(*why);
+    if (data.size == 0) return fail("the payload is empty; an entry needs at least one byte");
+    if (data.size > static_cast<int64_t>(kMaxPayload)) return fail("the payload is too big to store");
     if (!subPath.empty()) {
         if (auto why = readInput(subPath, sub)) return fail(*why);
         if (sub.empty()) return fail("the sub-information is empty");
@@ -638,10 +764,23 @@ int cmdPut(const std::string &path, const std::string &name, const std::string &
                     " already exists (use --replace to overwrite it)");
     if (fast && hasLegacy(c.signature))
         return fail(path + ": --fast cannot edit a file that holds legacy audio; save without --fast");
+    if (fast && hasTrailer(c.signature) && !fastIsSafe(path)) fast = false;
+    // A fast replace merges the old entry into the filler without padding for
+    // the row it drops (the save rewrites the end); when the new block then
+    // fills that room exactly, the header stays a row shorter than the room
+    // before the tail and the file is left with stale bytes there, which later
+    // fast edits misread. That one case takes the rewriting way.
+    const uint64_t block = 8 + name.size() + static_cast<uint64_t>(data.size) + (sub.empty() ? 0 : 4 + sub.size());
+    if (fast && old != nullptr && !c.entries.empty() && c.entries[0].kind == "filler" &&
+        old != &c.entries[0] && old->blockLength >= 20 &&
+        block == uint64_t(c.entries[0].blockLength) + old->blockLength) {
+        std::fprintf(stderr, "yax: %s: a fast replace of exactly this size would leave stale "
+                     "bytes before the tail; editing without --fast instead\n", path.c_str());
+        fast = false;
+    }
     // Rows and blocks afterwards, counted so as never to overrate the room:
     // a fast edit may leave one filler row more, and may put the block into
     // the filler's room instead of adding it.
-    const uint64_t block = 8 + name.size() + data.size() + (sub.empty() ? 0 : 4 + sub.size());
     uint64_t blocks = blockSum(c), rows = c.entries.size() + 1;
     if (old != nullptr && (!fast || old->blockLength < 20)) blocks -= old->blockLength, --rows;
     if (fast) ++rows;
@@ -669,20 +808,19 @@ int cmdPut(const std::string &path, const std::string &name, const std::string &
         const void *subData = sub.empty() ? nullptr : sub.data();
         auto nameLength = static_cast<uint32_t>(name.size());
         auto subLength = static_cast<uint32_t>(sub.size());
-        auto dataLength = static_cast<uint32_t>(data.size());
         int option = replace ? 1 : 0;
         if (c.mp4) {
             // the MP4 save: a first entry makes the box, later ones keep it sized
             FILE *fp = std::fopen(path.c_str(), "r+b");
             ok = fp == nullptr ? 0
-                               : saveYAXDataToFPToMP4(fp, name.c_str(), nameLength, subData, subLength,
-                                                      data.data(), dataLength, type, option);
+                               : saveYAXDataFileToFPToMP4(fp, name.c_str(), nameLength, subData,
+                                                          subLength, data.path.c_str(), type, option);
             if (fp != nullptr) std::fclose(fp);
         } else {
-            ok = fast ? saveFastYAXDataToFile(path.c_str(), name.c_str(), nameLength, subData,
-                                              subLength, data.data(), dataLength, type, option)
-                      : saveYAXDataToFile(path.c_str(), name.c_str(), nameLength, subData, subLength,
-                                          data.data(), dataLength, type, option);
+            ok = fast ? saveFastYAXDataFileToFile(path.c_str(), name.c_str(), nameLength, subData,
+                                                  subLength, data.path.c_str(), type, option)
+                      : saveYAXFileDataToFile(path.c_str(), name.c_str(), nameLength, subData,
+                                              subLength, data.path.c_str(), type, option);
         }
     }
     if (ok != 1)
@@ -709,6 +847,7 @@ int cmdRemove(const std::string &path, const std::vector<std::string> &names, bo
         if (!fast || e->blockLength < 20) blocks -= e->blockLength;
     }
     if (rows > (fast ? 1u : 0u) && parseWouldRefuse(c, blocks, rows)) return fail(tooSmall(path));
+    if (fast && !fastIsSafe(path)) fast = false;
 
     if (fast) {
         for (const std::string &n : names) {
@@ -774,6 +913,7 @@ int cmdClear(const std::string &path, bool fast) {
     if (c.signature == SIGNATURE_NONE) return kOk;  // nothing stored
     if (fast && !hasTrailer(c.signature))
         return fail(path + ": --fast cannot remove legacy audio; clear without --fast");
+    if (fast && !fastIsSafe(path)) fast = false;
     int ok;
     {
         LibraryQuiet quiet;
@@ -847,6 +987,12 @@ int main(int argc, char **argv) {
     clear->add_option("FILE", file, "Image or video file, edited in place")->required();
     clear->add_flag("--fast", fast, "Turn the entries into filler without shortening the file");
 
+    CLI::App *check = app.add_subcommand(
+        "check", "Report every inconsistency of FILE's entries, one line per problem, without "
+                 "changing it; exit 0 when it is clean, 1 otherwise.");
+    check->add_option("FILE", file, "Image or video file")->required();
+    check->add_flag("--json", json, "Print one JSON document instead");
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp &e) {
@@ -870,6 +1016,7 @@ int main(int argc, char **argv) {
         if (put->parsed()) return cmdPut(file, name, data, type, subFile, replace, fast);
         if (rm->parsed()) return cmdRemove(file, names, fast);
         if (clear->parsed()) return cmdClear(file, fast);
+        if (check->parsed()) return cmdCheck(file, json);
     } catch (const std::bad_alloc &) {
         return fail("out of memory");
     }

@@ -9,6 +9,8 @@
 #include <cstring>
 
 #include "container/layout.hpp"
+#include "container/validate.hpp"
+#include "support/copy.hpp"
 #include "support/misrouted_write.hpp"
 #include "support/safe_file.hpp"
 #include "yax_api.h"
@@ -64,6 +66,12 @@ void writeTrailerHeader(FILE *out, const YaxInfo *yi) {
 uint32_t firstSoundStart(const VonoInfo *info) {
     if (info->count > 0 && info->offsets != nullptr) return info->offsets[0];
     return info->file_size - (info->header_size + kVonoTailProbe);
+}
+
+// The first byte of the legacy block itself, in the file as it is now.
+int64_t blockStart(const VonoInfo *info) {
+    const int64_t size = info->fp != nullptr ? _qlseek64(info->fp, 0, SEEK_END) : info->file_size;
+    return size - (static_cast<int64_t>(info->header_size) + kVonoTailProbe);
 }
 
 void closeStream(VonoInfo *info) {
@@ -212,6 +220,10 @@ YAX_EXPORT int deleteVono_NotExistYAX_FP(FILE *fp, VonoInfo *info) {
         }
         info = own;
     }
+    if (!yax::vonoSoundEditable(info, yax::blockStart(info), yax::kDeleteFpTag)) {
+        DestroyVonoFP(own);
+        return 0;
+    }
     // The caller writes from here on; nothing is cut off.
     const bool ok = info->fp != nullptr &&
                     _qlseek64(info->fp, yax::firstSoundStart(info), SEEK_SET) >= 0;
@@ -224,6 +236,8 @@ YAX_EXPORT int deleteVono_NotExistYAX(const char *path, VonoInfo *info) {
     if (path == nullptr) return 0;
     yax::OwnedVono own;
     if (info == nullptr) info = own.p = _checkAudioInImageFile(path);  // may stay null
+    if (info != nullptr && !yax::vonoSoundEditable(info, yax::blockStart(info), yax::kDeletePlainTag))
+        return 0;
 
     yax::RewriteTemp temp(path, _getVonoTempFileName);
     if (!temp.named()) return 0;
@@ -233,7 +247,7 @@ YAX_EXPORT int deleteVono_NotExistYAX(const char *path, VonoInfo *info) {
         YAXLogE(yax::kDeletePlainTag, "File Search Error");
         return temp.untouchedResult();
     }
-    _qfilecopy(temp.fp(), info->fp, yax::firstSoundStart(info));
+    yax::copyKept(temp.fp(), info->fp, yax::firstSoundStart(info));
     if (!temp.finish()) return 0;
     yax::closeStream(info);
     return temp.replace(path, yax::kReplaceTag) ? 1 : 0;
@@ -248,6 +262,18 @@ YAX_EXPORT int deleteVono_ExistYAX(const char *path, VonoInfo *info) {
     yax::OwnedVono own;
     if (info == nullptr) info = own.p = _checkAudioInImageFile(path);
 
+    int64_t first_block = -1;
+    if (yi->meta_count > 0 && yi->meta_data != nullptr && yi->meta_data[0] != nullptr)
+        first_block = yi->file_size - (static_cast<int64_t>(yi->header_offset) +
+                                       yi->meta_data[0]->offset);
+    // The sound lies in front of the blocks, and the blocks are copied one
+    // after another from the first: a file that says otherwise is refused.
+    if (info != nullptr && info->fp != nullptr && first_block >= 0 &&
+        (!yax::vonoSoundEditable(info, first_block, yax::kDeleteYaxTag) ||
+         !yax::trailerEditable(yax::FileIO{info->fp}, yi, yax::kNeedBackToBack,
+                               yax::kDeleteYaxTag)))
+        return 0;
+
     yax::RewriteTemp temp(path, _getVonoTempFileName);
     if (!temp.named()) return 0;
     if (!temp.open("wb")) return temp.untouchedResult();
@@ -255,16 +281,12 @@ YAX_EXPORT int deleteVono_ExistYAX(const char *path, VonoInfo *info) {
         YAXLogE(yax::kDeleteYaxTag, "File Search Error 1");
         return temp.untouchedResult();
     }
-    int64_t first_block = -1;
-    if (yi->meta_count > 0 && yi->meta_data != nullptr && yi->meta_data[0] != nullptr)
-        first_block = yi->file_size - (static_cast<int64_t>(yi->header_offset) +
-                                       yi->meta_data[0]->offset);
     // The image: everything in front of the sound (in front of the first
     // data block when the record holds no sound).
     const int64_t image_end = info->count > 0 && info->offsets != nullptr
                                   ? static_cast<int64_t>(info->offsets[0])
                                   : first_block;
-    _qfilecopy(temp.fp(), info->fp, image_end);
+    yax::copyKept(temp.fp(), info->fp, image_end);
 
     if (first_block < 0 || _qlseek64(info->fp, first_block, SEEK_SET) < 0) {
         YAXLogE(yax::kDeleteYaxTag, "File Search Error 2");
@@ -272,7 +294,7 @@ YAX_EXPORT int deleteVono_ExistYAX(const char *path, VonoInfo *info) {
     }
     // The blocks follow the image back to back, so the rows stay as they are.
     for (uint32_t i = 0; i < yi->meta_count; ++i)
-        _qfilecopy(temp.fp(), info->fp, yi->meta_data[i]->length);
+        yax::copyKept(temp.fp(), info->fp, yi->meta_data[i]->length);
     yax::writeTrailerHeader(temp.fp(), yi);
     yax::writeOneSoundBlock(temp.fp(), 0, 0, 0);
     if (!temp.finish()) return 0;
@@ -322,14 +344,14 @@ YAX_EXPORT int addVonoSound(const char *path, VonoInfo *info, const void *data, 
         YAXLogE(yax::kAddTag, "File Search Error");
         return 0;
     }
-    _qfilecopy(temp.fp(), source->fp, image_end);
+    yax::copyKept(temp.fp(), source->fp, image_end);
     _qfwrite(data, length, temp.fp());
     if (_qlseek64(source->fp, image_end, SEEK_SET) < 0) {
         YAXLogE(yax::kAddTag, "File Search Error");
         return 0;
     }
     for (uint32_t i = 0; i < yi->meta_count; ++i)
-        _qfilecopy(temp.fp(), source->fp, yi->meta_data[i]->length);
+        yax::copyKept(temp.fp(), source->fp, yi->meta_data[i]->length);
     yax::writeTrailerHeader(temp.fp(), yi);
     const auto start = static_cast<uint32_t>(image_end);
     yax::writeOneSoundBlock(temp.fp(), 1, start, start + length);

@@ -3,6 +3,8 @@
 // tool's code, whose main is yax_main here), so every write, close, fsync,
 // truncate, rename and allocation an edit makes can be made to fail.
 #include <dirent.h>
+#include <climits>
+#include <cstdlib>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -313,4 +315,149 @@ TEST(CrashSimulation, NoSafeModeCrashPointLosesAnUntouchedEntry) {
     }
 }
 
+// ---- payloads streamed from a file ----
+
+void shrink(const std::string &path) { EXPECT_EQ(0, truncate64(path.c_str(), (1 << 18) + 10)); }
+void grow(const std::string &path) {
+    const int fd = open(path.c_str(), O_WRONLY | O_APPEND);
+    EXPECT_EQ(3, ::write(fd, "abc", 3));
+    ::close(fd);
+}
+
+// A payload file that shrinks or grows while it is streamed into an entry, or
+// whose reads start failing, makes the save fail with a line saying so and
+// leaves the target as it was: in the safe-edit mode for every save, replaces
+// included; in the default mode for every add (a replace's delete has
+// already happened there, as when any add after it fails). The copy reads
+// 256 KiB at a time, so each fault lands mid-stream.
+TEST(PayloadStream, ChangedOrFailingPayloadLeavesTheTargetAlone) {
+    tu::TempDir dir;
+    char real[PATH_MAX];
+    ASSERT_NE(realpath(dir.dir().c_str(), real), nullptr);
+    const std::string path = std::string(real) + "/photo.jpg", payload = std::string(real) + "/payload.bin";
+    struct Fault {
+        const char *what;
+        bool fail;
+        void (*hook)(const std::string &);
+        const char *line;
+    };
+    const Fault faults[] = {{"shrinks", false, shrink, "the payload file shrank while it was read"},
+                            {"grows", false, grow, "the payload file changed size while it was read"},
+                            {"fails", true, nullptr, "reading the payload file failed after"}};
+    using Save = int (*)(const char *, const char *, int);
+    const std::pair<const char *, Save> saves[] = {
+        {"path", [](const char *f, const char *p, int o) { return saveYAXFileDataToFile(f, "second", 6, nullptr, 0, p, 1, o); }},
+        {"stream", [](const char *f, const char *p, int o) {
+             FILE *fp = fopen(f, "r+b");
+             const int r = saveYAXFileDataToFP(fp, "second", 6, nullptr, 0, p, 1, o);
+             fclose(fp);
+             return r;
+         }},
+        {"fast", [](const char *f, const char *p, int o) { return saveFastYAXDataFileToFile(f, "second", 6, nullptr, 0, p, 1, o); }},
+        {"fast stream", [](const char *f, const char *p, int o) {
+             FILE *fp = fopen(f, "r+b");
+             const int r = saveFastYAXNameToFP(fp, "second", 6, nullptr, 0, p, 1, o);
+             fclose(fp);
+             return r;
+         }},
+        {"mp4", [](const char *f, const char *p, int o) {
+             FILE *fp = fopen(f, "r+b");
+             const int r = saveYAXDataFileToFPToMP4(fp, "second", 6, nullptr, 0, p, 1, o);
+             fclose(fp);
+             return r;
+         }},
+    };
+    for (int safe : {0, 1})
+        for (const Bytes &start : {kImage, kStart})
+            for (int option : {0, 1}) {
+                if (option == 1 && (safe == 0 || start == kImage)) continue;
+                // option 0 on a file holding "second" is a refusal: add under a new name then
+                const bool refusal = option == 0 && start == kStart;
+                for (const auto &[how, save] : saves)
+                    for (const Fault &f : faults)
+                        for (int at : {1, 2, 4}) {
+                            SCOPED_TRACE(std::string(how) + ", the payload " + f.what + " at read " +
+                                         std::to_string(at) + (safe ? ", safe" : "") +
+                                         (option ? ", replace" : ""));
+                            tu::writeFile(path, start);
+                            tu::writeFile(payload, Bytes(3 * (1 << 18) + 5, 'p'));
+                            if (refusal) tu::writeFile(path, kImage + tb::trailer({kEntries[0]}));
+                            const Bytes before = tu::readFile(path);
+                            yaxSetSafeEdit(safe);
+                            int r = -1;
+                            const std::string out = tu::capture([&] {
+                                fault::onRead(payload, at, f.fail, f.hook);
+                                r = save(path.c_str(), payload.c_str(), option);
+                                EXPECT_GE(fault::readsOf(), at);
+                                fault::disarm();
+                            });
+                            yaxSetSafeEdit(0);
+                            EXPECT_EQ(r, 0);
+                            EXPECT_NE(out.find(f.line), std::string::npos) << out;
+                            EXPECT_TRUE(tu::readFile(path) == before);
+                            EXPECT_EQ((std::set<std::string>{"payload.bin", "photo.jpg"}), namesIn(real));
+                            if (::testing::Test::HasFailure()) return;
+                        }
+            }
+}
+
+// yax put says the payload could not be stored and leaves the file alone.
+TEST(PayloadStream, ToolPutWithAFailingPayload) {
+    tu::TempDir dir, data;
+    const std::string path = dir.path("photo.jpg");
+    char real[PATH_MAX];
+    tu::writeFile(data.path("payload"), Bytes(3 << 18, 'p'));
+    ASSERT_NE(realpath(data.path("payload").c_str(), real), nullptr);
+    tu::writeFile(path, kStart);
+    Quiet q;
+    fault::onRead(real, 2, true);
+    EXPECT_EQ(yax({"put", path, "new", real}), 1);
+    fault::disarm();
+    EXPECT_TRUE(tu::readFile(path) == kStart);
+    EXPECT_EQ(std::set<std::string>{"photo.jpg"}, namesIn(dir.dir()));
+}
+
 }  // namespace
+
+// A payload file that reads short at any byte (cut between its size being
+// taken and its bytes being read) is refused by every save that loads one,
+// and the target is left as it was.
+TEST(InjectedFaults, PayloadReadsThatComeUpShort) {
+    tu::TempDir dir;
+    const std::string target = dir.path("photo.jpg"), payload = dir.path("payload.bin");
+    const std::string bytes(40, 'p');
+    tu::writeFile(payload, tb::Bytes(bytes.begin(), bytes.end()));
+    const char *pl = payload.c_str();
+    const std::vector<std::pair<std::string, std::function<int(const char *)>>> saves{
+        {"saveYAXFileDataToFile", [pl](const char *p) { return saveYAXFileDataToFile(p, "n", 1, nullptr, 0, pl, 1, 1); }},
+        {"saveYAXFileDataToFP", [pl](const char *p) {
+             FILE *fp = std::fopen(p, "r+b");
+             const int r = saveYAXFileDataToFP(fp, "n", 1, nullptr, 0, pl, 1, 1);
+             return std::fclose(fp), r;
+         }},
+        {"saveFastYAXDataFileToFile", [pl](const char *p) { return saveFastYAXDataFileToFile(p, "n", 1, nullptr, 0, pl, 1, 1); }},
+        {"saveFastYAXNameToFP", [pl](const char *p) {
+             FILE *fp = std::fopen(p, "r+b");
+             const int r = saveFastYAXNameToFP(fp, "n", 1, nullptr, 0, pl, 1, 1);
+             return std::fclose(fp), r;
+         }},
+    };
+    for (const auto &[name, save] : saves) {
+        for (size_t keep = 0; keep <= bytes.size(); ++keep) {
+            tu::writeFile(target, kStart);
+            fault::shortRead(bytes.size(), keep);
+            int r;
+            {
+                Quiet quiet;
+                r = save(target.c_str());
+            }
+            fault::shortRead(0, 0);
+            if (keep < bytes.size()) {
+                EXPECT_EQ(r, 0) << name << " kept " << keep;
+                EXPECT_EQ(tu::readFile(target), kStart) << name << " kept " << keep;
+            } else {
+                EXPECT_EQ(r, 1) << name;  // the whole payload: stored
+            }
+        }
+    }
+}

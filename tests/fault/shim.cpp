@@ -13,6 +13,7 @@
 #include <cstring>
 
 extern "C" {
+ssize_t __real_read(int, void *, size_t);
 ssize_t __real_write(int, const void *, size_t);
 ssize_t __real_pwrite64(int, const void *, size_t, off64_t);
 int __real_close(int);
@@ -88,13 +89,50 @@ struct FromEnvironment {
 
 }  // namespace
 
+namespace {
+std::string gReadPath;
+int gReadAt = 0, gReads = 0;
+bool gReadFail = false, gReadFailing = false;
+void (*gReadHook)(const std::string &) = nullptr;
+
+// Whether this read of `fd` fails; runs the hook when it is due.
+bool readFails(int fd) {
+    if (gReadPath.empty() || pathOf(fd) != gReadPath) return false;
+    if (++gReads == gReadAt) {
+        if (gReadHook != nullptr) gReadHook(gReadPath);
+        if (gReadFail) gReadFailing = true;
+    }
+    return gReadFailing;
+}
+}  // namespace
+
+void onRead(const std::string &path, int n, bool fail, void (*hook)(const std::string &)) {
+    gReadPath = path;
+    gReadAt = n;
+    gReads = 0;
+    gReadFail = fail;
+    gReadFailing = false;
+    gReadHook = hook;
+}
+int readsOf() { return gReads; }
+
 void arm(Kind kind, int n) {
     gKind = kind;
     gLeft = n;
     gFired = false;
 }
-void disarm() { gKind = -1; }
+void disarm() {
+    gKind = -1;
+    gReadPath.clear();
+}
 bool fired() { return gFired; }
+
+namespace {
+size_t gShortAsked = 0, gShortKeep = 0;
+int gEndedFd = -1;  // the descriptor whose file was cut: later reads find its end
+}
+
+void shortRead(size_t asked, size_t keep) { gShortAsked = asked, gShortKeep = keep, gEndedFd = -1; }
 void record(bool on) { gRecording = on; }
 std::vector<Op> takeOps() {
     std::vector<Op> out;
@@ -107,6 +145,17 @@ std::vector<Op> takeOps() {
 using namespace fault;
 
 extern "C" {
+
+ssize_t __wrap_read(int fd, void *buf, size_t n) {
+    if (readFails(fd)) return errno = EIO, -1;
+    if (fd == gEndedFd) return 0;
+    if (gShortAsked != 0 && n == gShortAsked) {
+        gShortAsked = 0;
+        gEndedFd = fd;
+        return gShortKeep == 0 ? 0 : __real_read(fd, buf, gShortKeep);
+    }
+    return __real_read(fd, buf, n);
+}
 
 ssize_t __wrap_write(int fd, const void *buf, size_t n) {
     if (due(kWrite)) return errno = ENOSPC, -1;

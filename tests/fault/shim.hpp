@@ -14,7 +14,14 @@ extern const char *const kKindNames[kKinds];
 
 void arm(Kind kind, int n);  // the nth call of `kind` from now on fails
 void disarm();
+
+// Reads of one file: `hook` runs before the nth read of `path`, and with
+// `fail` set that read and every later one fails with EIO.
+void onRead(const std::string &path, int n, bool fail, void (*hook)(const std::string &) = nullptr);
+int readsOf();  // reads of that path seen since onRead
 bool fired();
+// The next read of exactly `asked` bytes returns only `keep` (0: end of file).
+void shortRead(size_t asked, size_t keep);  // then the descriptor reads as ended
 
 // A change made to a file, in the order made.
 struct Op {

@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# Applies deliberate one-line faults to a copy of the tree, one at a time,
+# and runs the native suite on each: every fault must make a test fail.
+# Usage: scripts/mutants.sh            (prints one line per fault)
+set -uo pipefail
+root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+work="${TMPDIR:-/tmp}/yax-mutants"
+mkdir -p "$work"  # its build directory is kept between runs
+tar -C "$root" --exclude=./build --exclude=./.git -cf - . | tar -C "$work" -mxf -  # fresh times: every changed file rebuilds
+
+# file @ text @ replacement @ what the fault is
+faults=(
+  "container/delete.cpp@i >= info->meta_count ? \"index@i > info->meta_count ? \"index@multi delete: row index bound loosened"
+  "container/detect.cpp@    _qfclose(fp);@    (void)fp;@detection by path: stream left open"
+  "api/fast_save.cpp@    if (fp != nullptr) _qfclose(fp);@    (void)fp;@fast save from a payload file by path: stream left open"
+  "api/save_common.hpp@if (got <= 0 || static_cast<uint32_t>(got) != length) return false;@if (got <= 0) return false;@payload read that comes up short accepted"
+  "container/validate.cpp@        if (at != 0) {@        if (false) {@edits: a gap before the header accepted"
+  "container/validate.cpp@            if (i != index && _getDataType@            if (false && _getDataType@fast delete: a filler that is not row 0 accepted"
+  "container/validate.cpp@        if (e.length > e.offset) {@        if (false) {@edits: a block running into the header accepted"
+  "vono/legacy.cpp@    if (info != nullptr && !yax::vonoSoundEditable(info, yax::blockStart(info), yax::kDeletePlainTag))@    if (false)@legacy delete: a sound start past its block accepted"
+)
+status=0
+for f in "${faults[@]}"; do
+  IFS='@' read -r file from to what <<<"$f"
+  cp "$root/$file" "$work/$file"
+  if ! grep -qF -- "$from" "$work/$file"; then
+    echo "mutant[$what]: text not found"; status=1; continue
+  fi
+  python3 - "$work/$file" "$from" "$to" <<'PY'
+import sys
+p, a, b = sys.argv[1:]
+s = open(p).read()
+open(p, "w").write(s.replace(a, b, 1))
+PY
+  if ! cmake -S "$work" -B "$work/build" -DCMAKE_BUILD_TYPE=Debug >/dev/null 2>&1 ||
+     ! cmake --build "$work/build" -j "${YAX_JOBS:-2}" >"$work/build.log" 2>&1; then
+    echo "mutant[$what]: build failed"; status=1
+  elif (cd "$work/build" && ctest -j "${YAX_JOBS:-2}" --timeout 300 >"$work/ctest.log" 2>&1); then
+    echo "mutant[$what]: SURVIVED (no test failed)"; status=1
+  else
+    echo "mutant[$what]: caught by $(grep -c '\*\*\*Failed\|(Failed)' "$work/ctest.log") failing tests"
+  fi
+  cp "$root/$file" "$work/$file"
+done
+exit $status

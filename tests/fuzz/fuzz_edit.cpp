@@ -1,0 +1,157 @@
+// One libFuzzer target per edit kind (YAX_FUZZ_EDIT picks it at build time).
+// The input is two selector bytes followed by the file: the selectors pick
+// the entry, the option and the payload. Each run writes the file, edits it
+// through the public interface and holds the result to the edit invariant
+// (edit_invariant.hpp); a broken invariant aborts, which the fuzzer and the
+// replay runner report.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "fuzz/edit_invariant.hpp"
+#include "fuzz/fuzz_common.hpp"
+
+namespace {
+
+enum Kind { kDeleteName, kDeleteMulti, kDeleteAll, kFastDelete, kSave, kFastSave };
+
+#ifndef YAX_FUZZ_EDIT
+#error "YAX_FUZZ_EDIT names the edit kind"
+#endif
+constexpr Kind kKind = YAX_FUZZ_EDIT;
+
+const char *kindName() {
+    static const char *names[] = {"delete_name", "delete_multi", "delete_all",
+                                  "fast_delete", "save", "fast_save"};
+    return names[kKind];
+}
+
+// The entry at `sel` of the listing, or a name no file holds.
+std::string pick(const inv::Listing &l, uint8_t sel) {
+    if (l.names.empty() || sel == 0xFF) return "nope";
+    return l.names[sel % l.names.size()];
+}
+
+// The row a name resolves to: the first with that name.
+std::vector<uint32_t> rowOf(const inv::Listing &l, const std::string &name) {
+    for (uint32_t i = 0; i < l.names.size(); ++i)
+        if (l.names[i] == name) return {i};
+    return {};
+}
+
+bool fastKind(int variant) {
+    return kKind == kFastDelete || kKind == kFastSave || (kKind == kDeleteAll && variant == 1);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    if (size < 2) return 0;
+    const uint8_t a = data[0], b = data[1];
+    const std::string &path = fz::workFile();
+    inv::spill(path, data + 2, size - 2);
+    const inv::Bytes before(data + 2, data + size);
+    const inv::Listing listed = inv::libraryListing(path);
+
+    int result = 0, variant = 0;
+    std::vector<uint32_t> targets;
+    inv::Item added;
+    uint64_t grow = 64;  // a delete may write a legacy end record anew (30 bytes)
+    switch (kKind) {
+    case kDeleteName: {
+        const std::string name = pick(listed, a);
+        targets = rowOf(listed, name);
+        YAXDATA *h = checkYAXInFile(path.c_str());
+        if (h == nullptr) break;
+        result = deleteYAXDataFromFilebyName(&h, name.c_str(), int(name.size()));
+        destroyYAXDATA(h);
+        break;
+    }
+    case kDeleteMulti: {
+        const std::string n1 = pick(listed, a), n2 = pick(listed, b);
+        targets = rowOf(listed, n1);
+        for (uint32_t t : rowOf(listed, n2)) targets.push_back(t);
+        YAXDATA *h = checkYAXInFile(path.c_str());
+        if (h == nullptr) break;
+        const char *names[] = {n1.c_str(), n2.c_str()};
+        result = deleteYAXMultiDataFromFilebyName(&h, names, (b & 1) ? 2 : 1);
+        if ((b & 1) == 0) targets.resize(std::min<size_t>(targets.size(), 1));
+        destroyYAXDATA(h);
+        break;
+    }
+    case kDeleteAll: {
+        variant = a % 3;
+        for (uint32_t i = 0; i < listed.names.size(); ++i) targets.push_back(i);
+        if (variant == 0) {
+            result = deleteAllDataFromFile(path.c_str());
+        } else if (variant == 1) {
+            // the fast delete-all takes a file known to hold a trailer
+            if (listed.listed) result = deleteFastAllYAXData(path.c_str());
+        } else {
+            YAXDATA *h = checkYAXInFile(path.c_str());
+            if (h == nullptr) break;
+            result = deleteYAXDataFromFile(&h);
+            destroyYAXDATA(h);
+        }
+        break;
+    }
+    case kFastDelete: {
+        const std::string name = pick(listed, a);
+        targets = rowOf(listed, name);
+        if (!listed.listed) break;
+        result = deleteFastAYAXData(path.c_str(), name.c_str());
+        break;
+    }
+    case kSave:
+    case kFastSave: {
+        // an existing name or a new one, replacing or not, with or without
+        // sub-information, a payload of 1 to 32 bytes
+        const std::string name = (a & 0x40) ? pick(listed, a) : std::string(1 + (a & 3), 'n');
+        const int option = (a >> 7) & 1;
+        added.name = name;
+        added.type = 1 + (b & 7);
+        added.sub = (b & 8) ? "s" : "";
+        added.payload.assign(1 + (b >> 3), 'p');
+        if (name == "Invalid_Data") added.name.clear();  // a filler is not compared
+        const std::vector<uint32_t> existing = rowOf(listed, name);
+        if (!existing.empty()) {
+            if (option == 0) added.name.clear();  // refused: nothing new expected
+            else targets = existing;
+        }
+        grow = 2 * before.size() + 4096;  // a legacy sound becomes entries first
+        const void *sub = added.sub.empty() ? nullptr : added.sub.data();
+        if (kKind == kSave) {
+            result = saveYAXDataToFile(path.c_str(), name.data(), uint32_t(name.size()), sub,
+                                       uint32_t(added.sub.size()), added.payload.data(),
+                                       uint32_t(added.payload.size()), added.type, option);
+        } else {
+            FILE *fp = std::fopen(path.c_str(), "r+b");
+            if (fp == nullptr) break;
+            result = saveFastYAXDataToFP(fp, name.data(), uint32_t(name.size()), sub,
+                                         uint32_t(added.sub.size()), added.payload.data(),
+                                         uint32_t(added.payload.size()), added.type, option);
+            std::fclose(fp);
+        }
+        if (result != 1) added.name.clear();
+        break;
+    }
+    }
+    const inv::Bytes after = inv::slurp(path);
+    if (std::getenv("YAX_FUZZ_VERBOSE") != nullptr)
+        std::fprintf(stderr, "%s: result %d, %zu -> %zu bytes, %zu entries listed before\n",
+                     kindName(), result, before.size(), after.size(), listed.items.size());
+    // The one kept exception: bytes between the last row and the tail make
+    // the documented fast edits misplace the end of the trailer.
+    if (fastKind(variant) && inv::frame(before).stale()) return 0;
+    // A replace whose add fails after its delete keeps the delete (documented).
+    const bool partial = (kKind == kSave || kKind == kFastSave) && !targets.empty();
+    const inv::Verdict v = inv::check(before, after, listed, inv::listingAfter(path, after), result,
+                                      targets, added, grow, partial);
+    if (!v) fz::fail(kindName(), v.fault.c_str(), before);
+    return 0;
+}
