@@ -8,7 +8,9 @@
 #include <string>
 
 #include "container/layout.hpp"
+#include "container/validate.hpp"
 #include "support/io.hpp"
+#include "support/safe_file.hpp"
 #include "yax_api.h"
 #include "yax_container.h"
 #include "yax_support.h"
@@ -39,15 +41,8 @@ unsigned char *readAt(FILE *fp, int64_t pos, uint32_t n) {
     return p;
 }
 
-}  // namespace
-
-extern "C" {
-
-YAX_EXPORT int FastChangeOrgData(YaxInfo *info, const void *cover, uint32_t cover_length,
-                                 uint32_t has_filler) {
-    if (info == nullptr || info->fp == nullptr || info->meta_data == nullptr ||
-        info->meta_count == 0 || info->meta_data[0] == nullptr || cover == nullptr)
-        return 0;
+// The move itself; the caller has checked the table.
+int changeCover(YaxInfo *info, const void *cover, uint32_t cover_length, uint32_t has_filler) {
     FILE *fp = info->fp;
     const uint32_t n = info->meta_count;
     const int64_t size = info->file_size;
@@ -147,6 +142,27 @@ YAX_EXPORT int FastChangeOrgData(YaxInfo *info, const void *cover, uint32_t cove
     if (ok) FastCBigCopyHeaderUpdate(info, count, f_offset, f_length, which, k);
     _qfree(saved);
     return ok ? last : 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+// The move trusts every row: it copies blocks by their lengths and rewrites
+// their offsets, so a table whose blocks do not lie back to back inside the
+// file up to the header is refused before anything is written. In the safe
+// mode the whole file is kept for undo (the cover starts at the first byte).
+YAX_EXPORT int FastChangeOrgData(YaxInfo *info, const void *cover, uint32_t cover_length,
+                                 uint32_t has_filler) {
+    if (info == nullptr || info->fp == nullptr || info->meta_data == nullptr ||
+        info->meta_count == 0 || info->meta_data[0] == nullptr || cover == nullptr)
+        return 0;
+    const int64_t real_size = _qlseek64(info->fp, 0, SEEK_END);
+    if (!yax::trailerEditable(info, real_size, yax::kNeedBackToBack, 0, kOrgTag)) return 0;
+    yax::UndoScope undo(info->fp, 0);
+    if (!undo.ready()) return 0;
+    const int r = changeCover(info, cover, cover_length, has_filler);
+    return r != 0 && undo.commit() ? r : 0;  // a failed move is put back in the safe mode
 }
 
 YAX_EXPORT int FastChangeCoverData(const char *path, const void *cover, uint32_t cover_length) {

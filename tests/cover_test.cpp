@@ -170,6 +170,67 @@ TEST(Cover, OverhangOverEveryBlockKeepsTheLibrarysResult) {
     EXPECT_EQ(readFile(p), cv + w.done());
 }
 
+// Tables whose rows lie about where the blocks are: the move would copy and
+// renumber blocks that are not there, so nothing is written.
+TEST(Cover, RefusesTablesWhoseRowsLie) {
+    const struct {
+        const char *what;
+        uint32_t pad;  // bytes between the two blocks
+        std::vector<Row> rows;
+        const char *msg;
+    } cases[] = {
+        {"gap between blocks", 3, {row(e0, L0 + L1 + 3), row(e1, L1)},
+         "the blocks of the entry table are not back to back"},
+        {"overlapping blocks", 0, {row(e0, L0 + L1), row(e1, L1 + 1)},
+         "the blocks of the entry table are not back to back"},
+        {"last block short of the header", 0, {row(e0, L0 + L1), {e1.metaType(), L1, L1 - 1}},
+         "the blocks of the entry table are not back to back"},
+        {"block into the header", 0, {row(e0, L0 + L1), {e1.metaType(), L1, L1 + 1}},
+         "a block of the entry table runs into the header"},
+    };
+    for (int safe : {0, 1}) {
+        yaxSetSafeEdit(safe);
+        for (const auto &c : cases) {
+            SCOPED_TRACE(std::string(c.what) + (safe ? " safe" : ""));
+            TempDir dir;
+            const std::string p = dir.path("f.jpg");
+            const Bytes file = cover(C, 0x11) + tb::block(e0) + Bytes(c.pad, 0x5A) + tb::block(e1) +
+                               tb::header(c.rows);
+            writeFile(p, file);
+            const Bytes cv = cover(C + 20, 0x22);
+            int r = -1;
+            const std::string printed = tu::capture(
+                [&] { r = FastChangeCoverData(p.c_str(), cv.data(), static_cast<uint32_t>(cv.size())); });
+            EXPECT_EQ(r, 0);
+            EXPECT_NE(printed.find(tu::errLine("YAXAPIs::FastChangeOrgData", c.msg)), std::string::npos)
+                << printed;
+            EXPECT_EQ(readFile(p), file);
+        }
+    }
+    yaxSetSafeEdit(0);
+}
+
+// In the safe mode a cover change gives the same bytes and leaves no undo
+// file behind.
+TEST(Cover, SafeModeSameBytesNoUndoLeft) {
+    const std::vector<Entry> es{e0, e1, e2};
+    for (int64_t delta : {int64_t{0}, int64_t{-100}, int64_t{L0 + 5}, int64_t{500}}) {
+        SCOPED_TRACE(delta);
+        TempDir dir;
+        const std::string a = dir.path("a.jpg"), b = dir.path("b.jpg");
+        writeFile(a, cover(C, 0x11) + tb::trailer(es));
+        writeFile(b, readFile(a));
+        const Bytes cv = cover(static_cast<size_t>(C + delta), 0x22);
+        EXPECT_GT(FastChangeCoverData(a.c_str(), cv.data(), static_cast<uint32_t>(cv.size())), 0);
+        yaxSetSafeEdit(1);
+        EXPECT_GT(FastChangeCoverData(b.c_str(), cv.data(), static_cast<uint32_t>(cv.size())), 0);
+        yaxSetSafeEdit(0);
+        EXPECT_EQ(readFile(b), readFile(a));
+        EXPECT_FALSE(tu::exists(dir.path(".b.jpg.yaxundo")));
+        expectEntries(b, es);
+    }
+}
+
 TEST(Cover, RefusesFilesWithoutTrailer) {
     TempDir dir;
     const std::string p = dir.path("f.jpg");
