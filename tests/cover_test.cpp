@@ -3,6 +3,7 @@
 // writes; entries read back unchanged wherever the result keeps them.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -39,6 +40,30 @@ Bytes blocks(const std::vector<Entry> &es) {
 // A row for entry e whose block starts `back` bytes before the header.
 Row row(const Entry &e, uint32_t back) { return {e.metaType(), back, tb::blockLength(e)}; }
 
+// A filler of `f` bytes, then the blocks in this order, then their header.
+// A filler under 20 bytes still gets its whole 20-byte head, which runs into
+// the `in_place` blocks behind it (the moved ones are written after it).
+Bytes fillerFirst(uint32_t f, const std::vector<Entry> &order, size_t in_place = 0) {
+    uint32_t at = f;
+    for (const Entry &e : order) at += tb::blockLength(e);
+    std::vector<Row> rows{{0x7FFEu << 16, at, f}};
+    Bytes out = f >= 20 ? tb::fillerBlock(f) : Bytes(f, 0);
+    at -= f;
+    for (const Entry &e : order) {
+        rows.push_back(row(e, at));
+        at -= tb::blockLength(e);
+        out = out + tb::block(e);
+    }
+    out = out + tb::header(rows);
+    if (f < 20) {
+        uint32_t reach = f;
+        for (size_t i = 0; i < in_place; ++i) reach += tb::blockLength(order[i]);
+        const Bytes head = tb::fillerBlock(20);
+        std::copy(head.begin(), head.begin() + std::min<uint32_t>(20, reach), out.begin());
+    }
+    return out;
+}
+
 void expectEntries(const std::string &path, const std::vector<Entry> &es) {
     YAXDATA *h = checkYAXInFile(path.c_str());
     ASSERT_NE(h, nullptr);
@@ -64,28 +89,33 @@ TEST(Cover, WithoutFillerEveryLengthClass) {
         const char *what;
         int64_t delta;  // new cover length minus C
         bool keeps;
-        Bytes (*expect)(const Bytes &cv);
+        Bytes (*expect)(const Bytes &cv, uint32_t D);
     };
     const std::vector<Entry> es{e0, e1, e2};
+    // case 4: the overhang D ends inside block 0, or inside block 1 (exactly
+    // on block 0's end, too): a filler of S - D, the untouched blocks in
+    // place, the overrun ones where the header was
+    const auto case4 = [](const Bytes &cv, uint32_t D) {
+        return D < L0 ? cv + fillerFirst(L0 - D, {e1, e2, e0}, 2)
+                      : cv + fillerFirst(L0 + L1 - D, {e2, e0, e1}, 1);
+    };
     const Case cases[] = {
-        {"same", 0, true, [](const Bytes &cv) { return cv + tb::trailer({e0, e1, e2}); }},
+        {"same", 0, true, [](const Bytes &cv, uint32_t) { return cv + tb::trailer({e0, e1, e2}); }},
         {"shorter by 100", -100, true,
-         [](const Bytes &cv) {
+         [](const Bytes &cv, uint32_t) {
              return cv + tb::fillerBlock(100) + blocks({e0, e1, e2}) +
                     tb::header({{kFillerMeta, ALL + 100, 100}, row(e0, ALL), row(e1, ALL - L0),
                                 row(e2, L2)});
          }},
         {"longer than the file", 500, true,
-         [](const Bytes &cv) { return cv + tb::trailer({e0, e1, e2}); }},
-        // case 4: the overhang ends inside block 1 (k = 1, S = L0 + L1): a
-        // filler of S - D, block 2 in place, blocks 0 and 1 where the header was
-        {"overhang inside block 1", L0 + 5, true,
-         [](const Bytes &cv) {
-             const uint32_t S = L0 + L1, D = L0 + 5;
-             return cv + tb::fillerBlock(S - D) + tb::block(e2) + tb::block(e0) + tb::block(e1) +
-                    tb::header({{kFillerMeta, ALL + S - D, S - D}, row(e2, L2 + S),
-                                row(e0, ALL - L2), row(e1, ALL - L0 - L2)});
-         }},
+         [](const Bytes &cv, uint32_t) { return cv + tb::trailer({e0, e1, e2}); }},
+        // a filler under 20 bytes: its head runs into the next block, whose
+        // entry is lost (the library's result, kept)
+        {"overhang inside block 0", 3, false, nullptr},
+        {"overhang on block 0's end", L0, true, nullptr},
+        {"overhang just after block 0", L0 + 1, true, nullptr},
+        {"overhang inside block 1", L0 + 5, true, nullptr},
+        {"overhang one short of block 1's end", L0 + L1 - 1, false, nullptr},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
@@ -94,7 +124,8 @@ TEST(Cover, WithoutFillerEveryLengthClass) {
         writeFile(p, cover(C, 0x11) + tb::trailer(es));
         const Bytes cv = cover(static_cast<size_t>(C + c.delta), 0x22);
         EXPECT_GT(FastChangeCoverData(p.c_str(), cv.data(), static_cast<uint32_t>(cv.size())), 0);
-        EXPECT_EQ(readFile(p), c.expect(cv));
+        const uint32_t D = c.delta > 0 ? static_cast<uint32_t>(c.delta) : 0;
+        EXPECT_EQ(readFile(p), c.expect ? c.expect(cv, D) : case4(cv, D));
         if (c.keeps) expectEntries(p, es);
     }
 }
@@ -124,6 +155,11 @@ TEST(Cover, WithFillerSwallowsAndMoves) {
                     tb::header({{kFillerMeta, F + L1 + L2 - 10, F - 10}, row(e1, L1 + L2),
                                 row(e2, L2)});
          }},
+        // case 6 from the filler's end on: block 1 moves behind block 2
+        {"overhang on the filler's end", 40,
+         [](const Bytes &cv, uint32_t F) { return cv + fillerFirst(F + L1 - 40, {e2, e1}, 1); }},
+        {"overhang just after the filler", 41,
+         [](const Bytes &cv, uint32_t F) { return cv + fillerFirst(F + L1 - 41, {e2, e1}, 1); }},
         // case 6: the overhang ends inside block 1 (k = 1): block 1 moves
         // behind block 2 and the filler row counts the moved block
         {"overhang inside block 1", 45,
