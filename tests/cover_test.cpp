@@ -3,7 +3,10 @@
 // writes; entries read back unchanged wherever the result keeps them.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -264,6 +267,34 @@ TEST(Cover, SafeModeSameBytesNoUndoLeft) {
         EXPECT_EQ(readFile(b), readFile(a));
         EXPECT_FALSE(tu::exists(dir.path(".b.jpg.yaxundo")));
         expectEntries(b, es);
+    }
+}
+
+// A real image re-encoded smaller and larger goes in front of the entries:
+// the decoder gives the new image's pixels and every entry reads back.
+TEST(Cover, DecodesToTheNewImagesPixels) {
+    if (access("/usr/bin/djpeg", X_OK) != 0 || access("/usr/bin/cjpeg", X_OK) != 0)
+        GTEST_SKIP() << "no decoder";
+    TempDir dir;
+    const std::string sample = std::string(YAX_TEST_DATA) + "/sample.jpg";
+    const auto run = [](const std::string &cmd) { return std::system((cmd + " 2>/dev/null").c_str()); };
+    const auto pixels = [&](const std::string &jpg) {
+        const std::string ppm = jpg + ".ppm";
+        EXPECT_EQ(run("/usr/bin/djpeg -outfile '" + ppm + "' '" + jpg + "'"), 0) << jpg;
+        return readFile(ppm);
+    };
+    const std::vector<Entry> es{e0, e1, e2};
+    for (const char *quality : {"50 -optimize", "100"}) {
+        SCOPED_TRACE(quality);
+        const std::string img = dir.path(std::string("q") + quality[0] + ".jpg"), p = dir.path("f.jpg");
+        ASSERT_EQ(run("/usr/bin/djpeg '" + sample + "' | /usr/bin/cjpeg -quality " + quality +
+                      " -outfile '" + img + "'"), 0);
+        writeFile(p, readFile(sample) + tb::trailer(es));
+        const Bytes cv = readFile(img);
+        ASSERT_NE(cv.size(), readFile(sample).size());
+        EXPECT_GT(FastChangeCoverData(p.c_str(), cv.data(), static_cast<uint32_t>(cv.size())), 0);
+        EXPECT_EQ(pixels(p), pixels(img));
+        expectEntries(p, es);
     }
 }
 
