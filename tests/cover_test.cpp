@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -296,6 +297,49 @@ TEST(Cover, DecodesToTheNewImagesPixels) {
         EXPECT_EQ(pixels(p), pixels(img));
         expectEntries(p, es);
     }
+}
+
+// Mixed edits around cover changes: every entry left reads back after each
+// step, and deleting everything at the end leaves exactly the last cover.
+TEST(Cover, MixedEditsAroundCoverChanges) {
+    TempDir dir;
+    const std::string p = dir.path("f.jpg");
+    writeFile(p, cover(C, 0x11) + tb::trailer({e0, e1}));
+    const auto save = [&](const Entry &e, bool fast) {
+        auto fn = fast ? saveFastYAXDataToFile : saveYAXDataToFile;
+        return fn(p.c_str(), e.name.c_str(), static_cast<uint32_t>(e.name.size()), e.sub.data(),
+                  static_cast<uint32_t>(e.sub.size()), e.payload.data(),
+                  static_cast<uint32_t>(e.payload.size()), e.type, 0);
+    };
+    Bytes cv;
+    const auto change = [&](size_t n, uint8_t fill) {
+        cv = cover(n, fill);
+        return FastChangeCoverData(p.c_str(), cv.data(), static_cast<uint32_t>(cv.size())) > 0 ? 1 : 0;
+    };
+    const struct {
+        const char *what;
+        std::function<int()> step;
+        std::vector<Entry> left;
+    } steps[] = {
+        {"add", [&] { return save(e2, false); }, {e0, e1, e2}},
+        {"fast delete", [&] { return deleteFastAYAXData(p.c_str(), e0.name.c_str()); }, {e1, e2}},
+        {"shorter cover", [&] { return change(C - 60, 0x22); }, {e1, e2}},
+        {"fast save", [&] { return save(e0, true); }, {e1, e2, e0}},
+        {"longer cover", [&] { return change(C - 60 + 30, 0x33); }, {e1, e2, e0}},
+        {"delete", [&] {
+             YAXDATA *h = checkYAXInFile(p.c_str());
+             const int r = h ? deleteYAXDataFromFilebyName(&h, "bb", 2) : 0;
+             if (h != nullptr) destroyYAXDATA(h);
+             return r;
+         }, {e2, e0}},
+    };
+    for (const auto &s : steps) {
+        SCOPED_TRACE(s.what);
+        EXPECT_EQ(s.step(), 1);
+        expectEntries(p, s.left);
+    }
+    EXPECT_EQ(deleteAllDataFromFile(p.c_str()), 1);
+    EXPECT_EQ(readFile(p), cv);
 }
 
 TEST(Cover, RefusesFilesWithoutTrailer) {
