@@ -13,6 +13,7 @@
 #include "support/safe_file.hpp"
 #include "yax_container.h"
 #include "yax_support.h"
+#include "yax_vono.h"
 
 namespace yax {
 namespace {
@@ -357,6 +358,82 @@ YAX_EXPORT YaxEntry *_generateYAXData(const void *data, uint32_t length, uint32_
     entry->data_length = length;
     entry->meta_type = L::metaType(data_type, has_sub_info);
     return entry;
+}
+
+// ---- headers after a cover replacement ----
+
+// The header after a shorter cover: a filler row first (it names the gap in
+// front of the first block), then the old rows, without row 0 when that row
+// was the filler the new one swallowed.
+YAX_EXPORT int FastCSamllCopyHeaderUpdate(YaxInfo *info, uint32_t count, uint32_t offset,
+                                          uint32_t length, int skip_first) {
+    if (info == nullptr || info->fp == nullptr || !yax::rowsPresent(info)) return 0;
+    const FileIO io{info->fp};
+    yax::putMagic(io, L::kHeaderMagic);
+    io.write32(L::kVersion);
+    io.write32(count);
+    yax::putRowWords(io, L::metaType(L::kFillerType, 0), offset, length);
+    for (uint32_t i = skip_first ? 1 : 0; i < info->meta_count; ++i)
+        yax::putRow(io, *info->meta_data[i]);
+    io.write32(L::headerSize(count));
+    yax::putMagic(io, L::kTailMagic);
+    return 1;
+}
+
+// The header after a longer cover, by case (see FastChangeOrgData). `last` is
+// the last block the cover overwrote; blocks 0..last were moved behind the
+// others (or lost, in case 1). Case 1 writes the parsed rows 1.. and repeats
+// the last of them: the library always did, and readers of such a header
+// have only ever looked at its first `count` rows.
+YAX_EXPORT int FastCBigCopyHeaderUpdate(YaxInfo *info, uint32_t count, uint32_t offset,
+                                        uint32_t length, uint32_t which, uint32_t last) {
+    if (info == nullptr || info->fp == nullptr || !yax::rowsPresent(info)) return 0;
+    const FileIO io{info->fp};
+    const uint32_t n = info->meta_count;
+    const uint32_t moved = last + 1;
+    auto total = [&](uint32_t from, uint32_t to) {
+        uint32_t sum = 0;
+        for (uint32_t i = from; i < to && i < n; ++i) sum += info->meta_data[i]->length;
+        return sum;
+    };
+    const uint32_t filler = L::metaType(L::kFillerType, 0);
+    yax::putMagic(io, L::kHeaderMagic);
+    io.write32(L::kVersion);
+    io.write32(count);
+    switch (which) {
+    case 1:
+        for (uint32_t i = 1; i < n; ++i) yax::putRow(io, *info->meta_data[i]);
+        if (n >= 2)
+            yax::putRow(io, *info->meta_data[n - 1]);
+        else
+            yax::putRowWords(io, 0, 0, 0);
+        break;
+    case 2:
+        yax::putRowWords(io, filler, offset, length);
+        for (uint32_t i = 1; i < n; ++i) yax::putRow(io, *info->meta_data[i]);
+        break;
+    case 3:
+        writeCustomQDR(info, moved, 0, total(0, moved), total(moved, n));
+        break;
+    case 4:
+        yax::putRowWords(io, filler, offset, length);
+        writeCustomQDR(info, moved, 0, total(0, moved), total(moved, n));
+        break;
+    case 5:
+        writeCustomQDR(info, moved, 1, 0, 0);
+        break;
+    case 6: {
+        const uint32_t kept = total(1, last + 1);
+        yax::putRowWords(io, filler, offset + kept, length);
+        writeCustomQDR(info, moved, 1, kept, total(moved, n));
+        break;
+    }
+    default:
+        break;
+    }
+    io.write32(L::headerSize(count));
+    yax::putMagic(io, L::kTailMagic);
+    return 1;
 }
 
 }  // extern "C"

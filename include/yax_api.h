@@ -70,6 +70,15 @@ YAX_EXPORT void destroyYAXDATA_UNIT(YAXDATA_UNIT *unit);
 YAX_EXPORT void destroyYAXOFFSET(YAXOFFSET *record);
 YAX_EXPORT void destroyYAXOFFSET64(YAXOFFSET64 *record);
 
+/* ---- cover replacement: the image in front of the trailer, in place ----
+ * result: the byte count of the last write, 0 on failure. Files with Vono
+ * data are refused. A cover that overruns every block (or, with a filler
+ * that is not row 0, any cover) loses entries: check first. */
+YAX_EXPORT int FastChangeCoverData(const char *path, const void *cover, uint32_t cover_length);
+YAX_EXPORT int FastChangeOrgData(YaxInfo *info, const void *cover, uint32_t cover_length,
+                                 uint32_t has_filler);
+YAX_EXPORT void copyFpToBuffer(FILE *fp, YAXBUFFER *buf); /* appends the whole stream */
+
 /* ---- save: 1 on success, 0 on failure; bit 0 of option replaces a same-name entry ---- */
 YAX_EXPORT int saveYAXDataToFile(const char *path, const char *name, uint32_t name_length,
                                  const void *sub_info, uint32_t sub_info_length, const void *data,

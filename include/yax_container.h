@@ -99,6 +99,11 @@ YAX_EXPORT int writeYAXHeader(YaxInfo *info, uint32_t count, int replace_first,
                               uint32_t new_length, uint32_t new_type, uint32_t has_sub_info);
 YAX_EXPORT int writeDummyYAXHeader(YaxInfo *info, uint32_t data_type, uint32_t has_sub_info);
 YAX_EXPORT void writeDummyYAXData(FILE *fp, uint32_t size);
+/* headers after a cover replacement, written at the stream's position */
+YAX_EXPORT int FastCSamllCopyHeaderUpdate(YaxInfo *info, uint32_t count, uint32_t offset,
+                                          uint32_t length, int skip_first);
+YAX_EXPORT int FastCBigCopyHeaderUpdate(YaxInfo *info, uint32_t count, uint32_t offset,
+                                        uint32_t length, uint32_t which, uint32_t last);
 YAX_EXPORT void writeDummyYAXDataHeader(FILE *fp, uint32_t size, uint32_t has_sub_info);
 YAX_EXPORT YaxInfo *_generateYAXHeader(FILE *fp);
 YAX_EXPORT YaxEntry *_generateYAXData(const void *data, uint32_t length, uint32_t data_type,

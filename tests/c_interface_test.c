@@ -67,6 +67,11 @@ int main(void) {
         remove(path);
         CHECK(yaxCheckFile("no-such-file.jpg", NULL, NULL) == -1);
     }
+    /* a cover change needs a file with a trailer and a cover */
+    CHECK(FastChangeCoverData("no-such-file.jpg", image, sizeof image) == 0);
+    CHECK(FastChangeCoverData(NULL, image, sizeof image) == 0);
+    CHECK(FastChangeOrgData(NULL, image, sizeof image, 0) == 0);
+    copyFpToBuffer(NULL, NULL);
     CHECK(YAX_STREAM_PAYLOAD == 0 && YAX_STREAM_SUB_INFO == 1);
     CHECK(yaxStreamYAXData(NULL, 0, YAX_STREAM_PAYLOAD, stdout) == -1);
     CHECK(yaxStreamYAXDataByName(NULL, "a", YAX_STREAM_SUB_INFO, stdout) == -1);
