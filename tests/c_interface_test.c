@@ -55,6 +55,9 @@ int main(void) {
     CHECK(YAX_STREAM_PAYLOAD == 0 && YAX_STREAM_SUB_INFO == 1);
     CHECK(yaxStreamYAXData(NULL, 0, YAX_STREAM_PAYLOAD, stdout) == -1);
     CHECK(yaxStreamYAXDataByName(NULL, "a", YAX_STREAM_SUB_INFO, stdout) == -1);
+    CHECK(copyYAXData(NULL, "b.jpg") == 0 && mergeYAXData("a.jpg", NULL) == 0);
+    CHECK(copyMergeYAXData(NULL, stdout) == 0);
+    CHECK(copyYAXDataKeyName("a.jpg", "b.jpg", NULL) == 0 && copyYAXDataType(NULL, NULL, 1u) == 0);
     printf("%d passed, %d failed\n", failures == 0 ? 1 : 0, failures == 0 ? 0 : 1);
     return failures == 0 ? 0 : 1;
 }
