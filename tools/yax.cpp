@@ -928,6 +928,8 @@ int cmdClear(const std::string &path, bool fast) {
     return kOk;
 }
 
+#include "cmd_cp.cpp"
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -993,6 +995,17 @@ int main(int argc, char **argv) {
     check->add_option("FILE", file, "Image or video file")->required();
     check->add_flag("--json", json, "Print one JSON document instead");
 
+    std::string cpSrc, cpDst, cpName;
+    int64_t cpType = -1;
+    CLI::App *cp = app.add_subcommand(
+        "cp", "Copy the entries of SRC (all, one by name, or all of one data type) into DST.");
+    cp->add_option("SRC", cpSrc, "File to copy the entries from (not changed)")->required();
+    cp->add_option("DST", cpDst, "Image or video file to copy them into")->required();
+    auto *cpByName = cp->add_option("--name", cpName, "Copy only the entry of this name");
+    cp->add_option("--type", cpType, "Copy only the entries of this data type")
+        ->check(CLI::Range(0, 65535))
+        ->excludes(cpByName);
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp &e) {
@@ -1017,6 +1030,7 @@ int main(int argc, char **argv) {
         if (rm->parsed()) return cmdRemove(file, names, fast);
         if (clear->parsed()) return cmdClear(file, fast);
         if (check->parsed()) return cmdCheck(file, json);
+        if (cp->parsed()) return cmdCp(cpSrc, cpDst, cpName, cpType);
     } catch (const std::bad_alloc &) {
         return fail("out of memory");
     }
