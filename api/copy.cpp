@@ -343,6 +343,13 @@ YAX_EXPORT int copyMergeYAXData(YaxInfo *info, FILE *out) {
 
 YAX_EXPORT int mergeYAXData(const char *src, const char *dst) {
     if (dst == nullptr) return 0;
+    // A trailer appended behind another one (or behind legacy audio) would
+    // hide what the destination holds.
+    const int d = getSignature(dst);
+    if (d == SIGNATURE_YAX || d == SIGNATURE_VONO || d == SIGNATURE_VONO_YAX) {
+        YAXLogE(kTag, "the destination already holds entries or legacy audio");
+        return 0;
+    }
     api::EditGroup group(dst);
     if (!group.ready()) return 0;
     return group.finish(merge(src, dst));

@@ -148,6 +148,19 @@ TEST_F(Copy, LyingSourceRefused) {
     EXPECT_EQ(tu::readFile(dst), mp4());
 }
 
+// A merge would bury a destination's own entries or legacy audio behind the
+// new trailer: refused.
+TEST_F(Copy, MergeRefusesADestinationWithData) {
+    const Bytes h = at::host();
+    tu::writeFile(src, h + tb::trailer({kA}));
+    for (const Bytes &d : {h + tb::trailer({kD}), h + Bytes{'s'} + at::vono1(at::u32size(h), at::u32size(h) + 1)}) {
+        tu::writeFile(dst, d);
+        EXPECT_EQ(tu::capture([&] { EXPECT_EQ(mergeYAXData(src.c_str(), dst.c_str()), 0); }),
+                  tu::errLine(kTag, "the destination already holds entries or legacy audio"));
+        EXPECT_EQ(tu::readFile(dst), d);
+    }
+}
+
 TEST_F(Copy, RawTrailerAppend) {
     const Bytes h = at::host();
     const Bytes tail = tb::trailer({kA, kE}) + at::vono1(1, 2);
