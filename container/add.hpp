@@ -60,4 +60,8 @@ int addByPath(const char *path, YaxInfo *info, const NewEntry &e, VonoInfo *vono
 int addToStream(FILE *fp, YaxInfo *info, const NewEntry &e, VonoInfo *vono);
 int fastAddEntry(YaxInfo *info, const NewEntry &e, int reuse_first);
 
+// Header, rows (unchanged) and tail of a parsed trailer at the position of
+// `out`; false when a field write failed (a row write never reports one).
+bool writeTrailerHeader(FILE *out, const YaxInfo *yi);
+
 }  // namespace yax

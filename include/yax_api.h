@@ -157,6 +157,18 @@ YAX_EXPORT int deleteFastAYAXData(const char *path, const char *name);
 YAX_EXPORT int deleteYAXMultiDataFromFilebyName(YAXDATA **handle, const char **names,
                                                 uint32_t count); /* always 1 */
 
+/* ---- copy and merge (1 or 0) ---- */
+/* The source's entries into the destination, by both files' endings. */
+YAX_EXPORT int copyYAXData(const char *src, const char *dst);
+/* The source's whole trailer behind a destination without one. */
+YAX_EXPORT int mergeYAXData(const char *src, const char *dst);
+/* The raw trailer bytes of a parsed source, appended to `out`. */
+YAX_EXPORT int copyMergeYAXData(YaxInfo *info, FILE *out);
+/* One entry by name, or every entry of a data type, into a destination that
+   has neither trailer nor legacy audio (any other destination: 1, untouched). */
+YAX_EXPORT int copyYAXDataKeyName(const char *src, const char *dst, const char *key_name);
+YAX_EXPORT int copyYAXDataType(const char *src, const char *dst, uint32_t data_type);
+
 #ifdef __cplusplus
 }
 #endif

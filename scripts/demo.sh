@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Builds libYAX with the yax tool and shows the library's main job on the
 # bundled sample image: store two entries, list them, get one back and compare,
-# replace one, remove one, list again, and check that the image still decodes;
-# then the same inside the bundled MP4 clip, checked with ffprobe, and sounds
-# stored in the clip and in the photo.
+# replace one, remove one, list again, check that the image still decodes, and
+# copy the entries into a fresh copy of the original; then the same inside the
+# bundled MP4 clip, checked with ffprobe, and sounds stored in the clip and in
+# the photo.
 # Environment: YAX_BUILD_ROOT (default <repo>/build), YAX_JOBS (default 2),
 #              YAX_SKIP_DEPS=1 to skip the install check.
 set -euo pipefail
@@ -57,6 +58,14 @@ echo "photo.jpg: $(wc -c < photo.jpg) bytes"
 
 djpeg photo.jpg > decoded.ppm || fail "djpeg cannot decode the edited image"
 echo "djpeg still decodes the edited image: $(head -c 2 decoded.ppm) $(wc -c < decoded.ppm) bytes"
+
+# ---- copy: the entries of the edited photo into a fresh copy of the original ----
+cp "$root/tests/data/sample.jpg" fresh.jpg
+show yax cp photo.jpg fresh.jpg
+show yax list fresh.jpg
+cmp <(yax get photo.jpg caption) <(yax get fresh.jpg caption) || fail "the copied caption differs"
+echo "the copied caption reads back byte for byte"
+# ---- end of copy ----
 
 show yax clear photo.jpg
 cmp photo.jpg "$root/tests/data/sample.jpg" || fail "after clear the image differs from the original"

@@ -4,7 +4,7 @@
 # time, starting from the seed corpora made by the tests' builder, the sample
 # image and the kept regression inputs, with the format's dictionary.
 # Usage: scripts/fuzz.sh [seconds per target] [target ...]
-#   targets: read delete_name delete_multi delete_all fast_delete save fast_save sound
+#   targets: read delete_name delete_multi delete_all fast_delete save fast_save sound copy
 # A crash is written to build/fuzz/findings/<target>/; copy it to
 # tests/fuzz/regressions/<target>/ once fixed, so CTest replays it.
 # Prints one line per target: executions, coverage, corpus size, findings.
@@ -15,7 +15,7 @@ build="${YAX_BUILD_ROOT:-$root/build}/fuzz"
 seconds="${1:-30}"
 shift || true
 targets=("$@")
-[ ${#targets[@]} -eq 0 ] && targets=(read delete_name delete_multi delete_all fast_delete save fast_save sound)
+[ ${#targets[@]} -eq 0 ] && targets=(read delete_name delete_multi delete_all fast_delete save fast_save sound copy)
 
 cmake -S "$root" -B "$build" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
       -DCMAKE_BUILD_TYPE=RelWithDebInfo -DYAX_FUZZ=ON -DYAX_BUILD_TOOLS=OFF \
@@ -34,7 +34,7 @@ for t in "${targets[@]}"; do
   corpus="$build/corpus/$t"
   findings="$build/findings/$t"
   rm -rf "$findings"
-  mkdir -p "$corpus" "$findings"
+  mkdir -p "$corpus" "$findings" "$build/seeds/$t"
   if [ "$t" = read ]; then cp "$root/tests/data/sample.jpg" "$corpus/" 2>/dev/null; fi
   log="$build/$t.log"
   # -close_fd_mask=3: the library's log lines stay out of the fuzzer's output

@@ -87,6 +87,9 @@ int main(void) {
         YaxEditGroup *g = yaxBeginEdit("no-such-file.jpg");
         CHECK(g != NULL && yaxEndEdit(g, 1) == 1 && yaxEndEdit(NULL, 1) == 0);
     }
+    CHECK(copyYAXData(NULL, "b.jpg") == 0 && mergeYAXData("a.jpg", NULL) == 0);
+    CHECK(copyMergeYAXData(NULL, stdout) == 0);
+    CHECK(copyYAXDataKeyName("a.jpg", "b.jpg", NULL) == 0 && copyYAXDataType(NULL, NULL, 1u) == 0);
     printf("%d passed, %d failed\n", failures == 0 ? 1 : 0, failures == 0 ? 0 : 1);
     return failures == 0 ? 0 : 1;
 }

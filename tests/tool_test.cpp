@@ -568,3 +568,50 @@ TEST_F(ToolTest, CheckAndFastEditsThatStayClean) {
 }
 
 }  // namespace
+
+// cp: byte-exact into a plain image, clashes reported, refusals leave DST
+// as it was, a legacy-only source is converted on a private copy only.
+TEST_F(ToolTest, CopyEntriesBetweenFiles) {
+    const std::string src = dir.path("src.jpg");
+    const Entry a{1, "a", "x", ""}, b{3, "bb", "payload", "s"}, bare{3, "bb", "payload", ""};
+    tu::writeFile(src, jpeg + tb::trailer({a, b}));
+    EXPECT_EQ(yax({"cp", src, image}), ok());
+    EXPECT_EQ(tu::readFile(image), jpeg + tb::trailer({a, b}));
+    EXPECT_EQ(yax({"cp", src, image}),
+              Outcome(0, "", "yax: " + image + " already has an entry named 'a'; it is kept and not copied\n" +
+                                 "yax: " + image + " already has an entry named 'bb'; it is kept and not copied\n"));
+    EXPECT_EQ(yax({"cp", src, image, "--name", "a"}),
+              failed(image + ": --name and --type copy only into a file without entries or legacy audio"));
+    EXPECT_EQ(tu::readFile(image), jpeg + tb::trailer({a, b}));
+    tu::writeFile(image, jpeg);
+    EXPECT_EQ(yax({"cp", src, image, "--type", "3"}), ok());
+    EXPECT_EQ(tu::readFile(image), jpeg + tb::trailer({bare}));
+    tu::writeFile(image, jpeg);
+    EXPECT_EQ(yax({"cp", src, image, "--name", "zz"}), failed(src + ": no entry named 'zz'"));
+    EXPECT_EQ(yax({"cp", src, dir.path("none.jpg")}),
+              failed("cannot open " + dir.path("none.jpg") + ": No such file or directory"));
+    EXPECT_EQ(yax({"cp", image, image}), failed(image + " and " + image + " are the same file"));
+    EXPECT_EQ(yax({"cp", image, src}), failed(image + ": holds no entries to copy"));
+    EXPECT_EQ(tu::readFile(image), jpeg);
+
+    // Legacy audio: converted on a private copy into a plain image, refused
+    // into one with entries (the library would convert and copy nothing).
+    const auto start = static_cast<uint32_t>(jpeg.size());
+    const Bytes legacy = jpeg + tb::bytes("snd!") + tb::vonoBlock({{start, start + 4}});
+    tu::writeFile(src, legacy);
+    tu::writeFile(image, jpeg + tb::trailer({a}));
+    EXPECT_EQ(yax({"cp", src, image}),
+              failed(src + " holds legacy audio, which cannot be copied into a file that already has "
+                           "entries or legacy audio; copy it into a file without them"));
+    EXPECT_EQ(tu::readFile(image), jpeg + tb::trailer({a}));
+    tu::writeFile(image, jpeg);
+    const Outcome r = yax({"cp", src, image});
+    EXPECT_EQ(std::get<0>(r), 0);
+    EXPECT_EQ(std::get<2>(r), "yax: " + src + " holds legacy audio; it is turned into entries on a private copy, " +
+                                  src + " is not changed\n");
+    EXPECT_EQ(tu::readFile(src), legacy);
+    const Entry sound{256, "TonePhoto_000", "snd!", ""};
+    const Bytes tone = tb::trailer({sound, Entry{2048, "TonePhoto_Meta_Info", text(tb::toneList({"TonePhoto_000"})), ""}});
+    EXPECT_EQ(tu::readFile(image), jpeg + tone + tb::vonoBlock({{start + 21, start + 25}}));
+    EXPECT_EQ(dir.list(), (Strings{"photo.jpg", "src.jpg"}));
+}

@@ -958,6 +958,8 @@ int cmdClear(const std::string &path, bool fast) {
     return kOk;
 }
 
+#include "cmd_cp.cpp"
+
 }  // namespace
 
 #include "cmd_sound.cpp"
@@ -1027,6 +1029,16 @@ int main(int argc, char **argv) {
     check->add_flag("--json", json, "Print one JSON document instead");
 
     const SoundCommands sound(app);
+    std::string cpSrc, cpDst, cpName;
+    int64_t cpType = -1;
+    CLI::App *cp = app.add_subcommand(
+        "cp", "Copy the entries of SRC (all, one by name, or all of one data type) into DST.");
+    cp->add_option("SRC", cpSrc, "File to copy the entries from (not changed)")->required();
+    cp->add_option("DST", cpDst, "Image or video file to copy them into")->required();
+    auto *cpByName = cp->add_option("--name", cpName, "Copy only the entry of this name");
+    cp->add_option("--type", cpType, "Copy only the entries of this data type")
+        ->check(CLI::Range(0, 65535))
+        ->excludes(cpByName);
 
     try {
         app.parse(argc, argv);
@@ -1053,6 +1065,7 @@ int main(int argc, char **argv) {
         if (clear->parsed()) return cmdClear(file, fast);
         if (check->parsed()) return cmdCheck(file, json);
         if (auto r = sound.run()) return *r;
+        if (cp->parsed()) return cmdCp(cpSrc, cpDst, cpName, cpType);
     } catch (const std::bad_alloc &) {
         return fail("out of memory");
     }

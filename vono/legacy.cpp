@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "container/add.hpp"
 #include "container/layout.hpp"
 #include "container/validate.hpp"
 #include "support/copy.hpp"
@@ -49,16 +50,21 @@ void writeOneSoundBlock(FILE *fp, uint32_t count, uint32_t start, uint32_t end) 
     WriteSoundTailer(fp, 1);
 }
 
+}  // namespace
+
 // Header, rows and tail of a parsed trailer, rows unchanged: offsets count
 // back from the header, which moves together with the blocks.
-void writeTrailerHeader(FILE *out, const YaxInfo *yi) {
-    _writeYAX_QTSS(out);
-    _writeYAX_QVER(out);
-    _writeYAX_QCnt(out, yi->meta_count);
+bool writeTrailerHeader(FILE *out, const YaxInfo *yi) {
+    constexpr int kFailed = -1;
+    bool ok = _writeYAX_QTSS(out) != kFailed;
+    ok = _writeYAX_QVER(out) != kFailed && ok;
+    ok = _writeYAX_QCnt(out, yi->meta_count) != kFailed && ok;
     for (uint32_t i = 0; i < yi->meta_count; ++i) _writeYAX_QDR(out, yi->meta_data[i]);
-    _writeYAX_QTHO(out, yi->meta_count);
-    _writeYAX_QTS(out);
+    ok = _writeYAX_QTHO(out, yi->meta_count) != kFailed && ok;
+    return _writeYAX_QTS(out) != kFailed && ok;
 }
+
+namespace {
 
 // Where the block's data begins: the first sound's start. A record without
 // sounds has nothing in front of its block but the file's own content, so
