@@ -30,7 +30,7 @@ struct Utf {
     bool fits(jint length) const {
         if (c == nullptr) return true;
         if (length < 0 || static_cast<size_t>(length) > strlen(c)) {
-            YAXLogE("YAXJNI", "name length %d beyond the name\n", static_cast<int>(length));
+            YAXLogE("YAXJNI", "name length %d beyond the name", static_cast<int>(length));
             return false;
         }
         return true;
@@ -59,7 +59,7 @@ struct Bytes {
 inline bool lengthFits(JNIEnv *env, jarray a, jint length) {
     if (a == nullptr) return true;
     if (length < 0 || length > env->GetArrayLength(a)) {
-        YAXLogE("YAXJNI", "length %d beyond its array\n", static_cast<int>(length));
+        YAXLogE("YAXJNI", "length %d beyond its array", static_cast<int>(length));
         return false;
     }
     return true;
