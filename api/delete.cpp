@@ -1,8 +1,11 @@
 // Public deletes: resolve names to rows through a query record and hand the
 // work to the container's rewriting, in-place and fast deletes. Only the
 // delete by name keeps the caller's record usable, by parsing the file again.
+#include <unistd.h>
+
 #include <cstring>
 
+#include "api/legacy_for_delete.hpp"
 #include "api/save_common.hpp"
 #include "container/layout.hpp"
 #include "yax_api.h"
@@ -10,25 +13,51 @@
 #include "yax_support.h"
 #include "yax_vono.h"
 
+namespace yax::api {
+
+VonoInfo *legacyForDelete(const YAXDATA *yd, bool *unreadable, const char *tag) {
+    *unreadable = false;
+    if (yd == nullptr) return nullptr;
+    VonoInfo *vono = _checkAudioInImageFile(yd->filename);
+    if (vono != nullptr && vono->fp != nullptr) {
+        _qfclose(vono->fp);
+        vono->fp = nullptr;
+    }
+    // Looked at through the record's own stream, without allocating: the
+    // tail marker says whether a record should have been found.
+    const YaxInfo *info = yd->yax_info;
+    unsigned char tail[6];
+    if (vono == nullptr && info != nullptr && info->fp != nullptr && info->file_size >= 6 &&
+        pread(fileno(info->fp), tail, sizeof tail, info->file_size - 6) == 6 &&
+        std::memcmp(tail, layout::kVonoTail, sizeof tail) == 0) {
+        YAXLogE(tag, "the legacy audio record behind the trailer cannot be read");
+        *unreadable = true;
+    }
+    return vono;
+}
+
+void markSoundMoved(YAXDATA *yd, VonoInfo *vono, uint32_t index) {
+    // the name constant views a literal, so it is terminated
+    if (vono != nullptr) vono->sound_moved = index < _getIndexOfName(yd, layout::kToneFirstName.data()) ? 1 : 0;
+}
+
+}  // namespace yax::api
+
 extern "C" {
 
 YAX_EXPORT int deleteYAXDataFromFilebyName(YAXDATA **handle, const char *name, int name_length) {
     using namespace yax;
     // The legacy block is probed from the record's path before the arguments
     // are looked at; callers have always seen its log lines first.
-    VonoInfo *vono = nullptr;
-    if (handle != nullptr && *handle != nullptr) {
-        vono = _checkAudioInImageFile((*handle)->filename);
-        if (vono != nullptr && vono->fp != nullptr) {
-            _qfclose(vono->fp);
-            vono->fp = nullptr;
-        }
-    }
+    bool unreadable = false;
+    VonoInfo *vono = handle != nullptr ? api::legacyForDelete(*handle, &unreadable,
+                                                               "YAXAPIs::deleteYAXDataFromFilebyName")
+                                       : nullptr;
     auto done = [vono](int result) {
         DestroyVono(vono);
         return result;
     };
-    if (name == nullptr || name_length == 0 || handle == nullptr || *handle == nullptr)
+    if (name == nullptr || name_length == 0 || handle == nullptr || *handle == nullptr || unreadable)
         return done(0);
 
     YAXDATA *yd = *handle;
@@ -37,11 +66,7 @@ YAX_EXPORT int deleteYAXDataFromFilebyName(YAXDATA **handle, const char *name, i
 
     // When the sound that the legacy block points at lies behind the deleted
     // entry, its two positions move back by the deleted block's length.
-    if (vono != nullptr) {
-        // the name constant views a literal, so it is terminated
-        uint32_t sound = _getIndexOfName(yd, layout::kToneFirstName.data());
-        vono->sound_moved = index < sound ? 1 : 0;
-    }
+    api::markSoundMoved(yd, vono, index);
     if (DeleteAYAXData(yd->filename, yd->yax_info, index, vono) == 0) return done(0);
 
     if (yd->filename != nullptr && yd->filename_size != 0) {

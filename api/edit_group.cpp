@@ -32,9 +32,10 @@ int64_t changeStart(FILE *fp, const char *key, bool replace) {
         }
         break;
     case SIGNATURE_VONO:
-        if (VonoInfo *v = _checkAudioInImageFP(fp)) {
-            if (v->count > 0 && v->offsets != nullptr) from = v->offsets[0];
-            v->fp = nullptr;
+        // Parsed without the checking reader, which closes the stream when
+        // the table cannot be read: this stream is closed by its opener.
+        if (VonoInfo *v = ParseVonoFP(fp)) {
+            if (ParseVonoSound(v) == 1 && v->count > 0 && v->offsets != nullptr) from = v->offsets[0];
             DestroyVonoFP(v);
         }
         break;
@@ -67,3 +68,39 @@ int EditGroup::finish(int result) {
 }
 
 }  // namespace yax::api
+
+// The group of edits callers make themselves (yaxBeginEdit, yaxEndEdit).
+struct YaxEditGroup {
+    yax::api::EditGroup group;
+    explicit YaxEditGroup(const char *path) : group(path) {}
+};
+
+extern "C" {
+
+YAX_EXPORT YaxEditGroup *yaxBeginEdit(const char *path) {
+    YaxEditGroup *g = nullptr;
+    try {
+        g = new YaxEditGroup(path);
+    } catch (...) {
+        return nullptr;
+    }
+    if (!g->group.ready()) {
+        delete g;
+        return nullptr;
+    }
+    return g;
+}
+
+YAX_EXPORT int yaxEndEdit(YaxEditGroup *group, int result) {
+    if (group == nullptr) return 0;
+    int r = 0;
+    try {
+        r = group->group.finish(result);
+    } catch (...) {
+        r = 0;
+    }
+    delete group;
+    return r;
+}
+
+}  // extern "C"

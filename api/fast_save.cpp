@@ -74,6 +74,8 @@ int fastSave(FILE *fp, const NewEntry &e, uint32_t sub_info_length, int option) 
     return fastAddEntry(yd->yax_info, e, reuse_first);
 }
 
+}  // namespace
+
 // The reference fast save: its checks, then the steps as one edit (see
 // edit_group.hpp). `source`, when given, streams the payload from its file.
 int fastSaveChecked(FILE *fp, const char *name, uint32_t name_length, const void *sub_info,
@@ -104,7 +106,6 @@ int fastSaveChecked(FILE *fp, const char *name, uint32_t name_length, const void
     return group.finish(fastSave(fp, e, sub_info_length, option));
 }
 
-}  // namespace
 }  // namespace yax
 
 extern "C" {

@@ -2,11 +2,15 @@
 // end of the file, so that players skip it. A first entry creates the box in
 // front of its block; a later one is a fast save, after which the box is
 // refreshed (boxed trailer) or put around the trailer (unboxed one).
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 
 #include "api/edit_group.hpp"
 #include "api/save_common.hpp"
+#include "container/add.hpp"
 #include "container/layout.hpp"
 #include "yax_api.h"
 #include "yax_container.h"
@@ -27,7 +31,7 @@ bool hasSub(const void *sub_info, uint32_t sub_info_length) {
 
 int saveIntoTrailer(FILE *fp, const char *name, uint32_t name_length, const void *sub_info,
                     uint32_t sub_info_length, const void *data, uint32_t data_length,
-                    uint32_t data_type, int option) {
+                    uint32_t data_type, int option, const PayloadSource *source) {
     YAXDATA *before = checkYAXInFP(fp);
     // The caller's payload stays the caller's: it is not released here.
     if (before == nullptr) return 0;
@@ -37,8 +41,8 @@ int saveIntoTrailer(FILE *fp, const char *name, uint32_t name_length, const void
         return 0;
     }
     const bool boxed = checkSignatureMP4Tag(info) == 1;
-    const int r = saveFastYAXDataToFP(fp, name, name_length, sub_info, sub_info_length, data,
-                                      data_length, data_type, option);
+    const int r = fastSaveChecked(fp, name, name_length, sub_info, sub_info_length, data,
+                                  data_length, data_type, option, source);
     if (boxed) {
         if (r != 1) {
             YAXLogE(kTag, "save fail \n");
@@ -60,18 +64,15 @@ int saveIntoTrailer(FILE *fp, const char *name, uint32_t name_length, const void
     return r;
 }
 
-}  // namespace
-
-extern "C" {
-
-YAX_EXPORT int saveYAXDataToFPToMP4(FILE *fp, const char *name, uint32_t name_length,
-                                    const void *sub_info, uint32_t sub_info_length,
-                                    const void *data, uint32_t data_length, uint32_t data_type,
-                                    int option) {
+// The MP4 save for a payload in memory (`data`) or streamed from its file
+// (`source`): the same checks, lines and bytes either way.
+int saveToMp4(FILE *fp, const char *name, uint32_t name_length, const void *sub_info,
+              uint32_t sub_info_length, const void *data, uint32_t data_length,
+              uint32_t data_type, int option, const PayloadSource *source) {
     const char *refusal = name_length == 0       ? "yax_name_length is 0, the length should be larger than 1\n"
                           : fp == nullptr         ? "fp is null \n"
                           : name == nullptr       ? "yax_name is null \n"
-                          : data == nullptr || data_length == 0 ? "data null \n"
+                          : (data == nullptr && source == nullptr) || data_length == 0 ? "data null \n"
                           : uint64_t{data_length} >= layout::kSizeLimit ? kTooBig
                                                                       : nullptr;
     if (refusal != nullptr) {
@@ -86,21 +87,41 @@ YAX_EXPORT int saveYAXDataToFPToMP4(FILE *fp, const char *name, uint32_t name_le
     case SIGNATURE_NONE: {
         const uint32_t block = _getDataLength(hasSub(sub_info, sub_info_length), name_length,
                                               sub_info_length, data_length);
+        const int64_t old_end = _qlseek64(fp, 0, SEEK_END);
         result = writeFirstMP4Tag(fp, block + kFirstBoxExtra) == 0
                      ? 0
-                     : AddYAXDataInFirstTimeFP(fp, name, name_length, data_type, sub_info,
-                                               sub_info_length, data, data_length);
+                     : addFirstToStream(fp, NewEntry(data_type, name, name_length, sub_info,
+                                                     sub_info_length, data, data_length, source));
+        // A payload file that gave out under the add: the add has put its own
+        // bytes back, and the box head written for it goes too.
+        if (result != 1 && source != nullptr && source->failed && old_end >= 0) {
+            std::fflush(fp);
+            if (::ftruncate64(fileno(fp), old_end) != 0)
+                YAXLogE(kTag, "the box head could not be taken back (errno %d)", errno);
+        }
         break;
     }
     case SIGNATURE_VONO:
     case SIGNATURE_VONO_YAX: result = 0; break;
     case SIGNATURE_YAX:
         result = saveIntoTrailer(fp, name, name_length, sub_info, sub_info_length, data,
-                                 data_length, data_type, option);
+                                 data_length, data_type, option, source);
         break;
     default: break;
     }
     return group.finish(result);
+}
+
+}  // namespace
+
+extern "C" {
+
+YAX_EXPORT int saveYAXDataToFPToMP4(FILE *fp, const char *name, uint32_t name_length,
+                                    const void *sub_info, uint32_t sub_info_length,
+                                    const void *data, uint32_t data_length, uint32_t data_type,
+                                    int option) {
+    return saveToMp4(fp, name, name_length, sub_info, sub_info_length, data, data_length,
+                     data_type, option, nullptr);
 }
 
 YAX_EXPORT int saveYAXDataFileToFPToMP4(FILE *fp, const char *name, uint32_t name_length,
@@ -119,12 +140,14 @@ YAX_EXPORT int saveYAXDataFileToFPToMP4(FILE *fp, const char *name, uint32_t nam
     }
     if (size <= 0) return 0;
     if (data_type == YAX_USER_DEFINED_DATA && !hasSub(sub_info, sub_info_length)) return 0;
-    // Not streamed yet: the MP4 save takes its payload in memory.
+    // The payload is streamed from its file into place, unless it is the
+    // target itself (then it is read into memory first).
     api::PayloadFile payload;
     constexpr api::PayloadMsgs msgs{tag, nullptr, tag, nullptr, nullptr, nullptr};
-    if (!payload.open(payload_path, msgs) || !payload.hold(msgs)) return 0;
-    return saveYAXDataToFPToMP4(fp, name, name_length, sub_info, sub_info_length,
-                                payload.data(), payload.length(), data_type, option);
+    if (!payload.open(payload_path, msgs) || !payload.holdIfTarget(fp != nullptr ? fileno(fp) : -1, msgs))
+        return 0;
+    return saveToMp4(fp, name, name_length, sub_info, sub_info_length, payload.data(),
+                     payload.length(), data_type, option, payload.source());
 }
 
 }  // extern "C"

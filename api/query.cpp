@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "support/io.hpp"
 #include "support/copy.hpp"
 
 #include "yax_api.h"
@@ -69,6 +70,76 @@ void releaseNames(YAXDATA *record) {
         record->tonephoto_name_list = nullptr;
     }
     record->tonephoto_count = 0;
+}
+
+// ---- records ------------------------------------------------------------------
+
+// The parse calls of each flavour; a record made from a buffer differs from
+// one made from a stream only in these.
+template <typename IO>
+struct RecordOps;
+
+template <>
+struct RecordOps<FileIO> {
+    static unsigned int signature(const FileIO &io) { return getSignatureFP(io.fp); }
+    static YaxInfo *parse(const FileIO &io, int mode) { return ParseYAX_FP(io.fp, mode); }
+    static int list(YaxInfo *info) { return getYAXList(info); }
+    static int names(YaxInfo *info) { return getAllNameOfDataList(info); }
+    static int release(YaxInfo *info) { return DestroyYAX_FP(info); }
+};
+
+template <>
+struct RecordOps<BufIO> {
+    static unsigned int signature(const BufIO &io) { return getSignatureBuffer(io.h); }
+    static YaxInfo *parse(const BufIO &io, int mode) { return ParseYAX_Buffer(io.h, mode); }
+    static int list(YaxInfo *info) { return getYAXListBuffer(info); }
+    static int names(YaxInfo *info) { return getAllNameOfDataListBuffer(info); }
+    static int release(YaxInfo *info) { return DestroyYAX_Buffer(info); }
+};
+
+// A query record without a path: the parsed trailer, one name per row and
+// the TonePhoto list. Null when there is no trailer or it cannot be read.
+template <typename IO>
+YAXDATA *parseRecord(const IO &io) {
+    using Ops = RecordOps<IO>;
+    if (!io.ok()) return nullptr;
+    const unsigned int signature = Ops::signature(io);
+    if (signature < SIGNATURE_VONO || signature > SIGNATURE_VONO_YAX) return nullptr;
+
+    // A failed parse still goes through the list call, which reports it.
+    YaxInfo *info = Ops::parse(io, kParseMode[signature - SIGNATURE_VONO]);
+    if (Ops::list(info) != 1 || Ops::names(info) != 1) {
+        Ops::release(info);
+        return nullptr;
+    }
+
+    auto *record = static_cast<YAXDATA *>(_qcalloc(1, sizeof(YAXDATA)));
+    char **names = record != nullptr && info->meta_count != 0
+                       ? static_cast<char **>(_qcalloc(info->meta_count, sizeof(char *)))
+                       : nullptr;
+    if (names == nullptr) {
+        _qfree(record);
+        Ops::release(info);
+        return nullptr;
+    }
+    record->type = 1;
+    record->yax_info = info;
+    record->count = info->meta_count;
+    // From here on the record owns the names read into the rows.
+    for (uint32_t i = 0; i < info->meta_count; ++i) names[i] = info->meta_data[i]->name;
+    record->YAX_name_list = names;
+    getTonePhotoInFile(record);
+    record->filename = nullptr;
+    record->filename_size = 0;
+    return record;
+}
+
+template <typename IO>
+void destroyRecord(YAXDATA *record) {
+    if (record == nullptr) return;
+    releaseNames(record);
+    RecordOps<IO>::release(record->yax_info);
+    _qfree(record);
 }
 
 // ---- position queries ---------------------------------------------------------
@@ -134,36 +205,11 @@ YAX_EXPORT YAXDATA *checkYAXWithReadPM(const char *path) {
 }
 
 YAX_EXPORT YAXDATA *checkYAXInFP(FILE *fp) {
-    if (fp == nullptr) return nullptr;
-    const unsigned int signature = getSignatureFP(fp);
-    if (signature < SIGNATURE_VONO || signature > SIGNATURE_VONO_YAX) return nullptr;
+    return yax::parseRecord(yax::FileIO{fp});
+}
 
-    // A failed parse still goes through the list call, which reports it.
-    YaxInfo *info = ParseYAX_FP(fp, yax::kParseMode[signature - SIGNATURE_VONO]);
-    if (getYAXList(info) != 1 || getAllNameOfDataList(info) != 1) {
-        DestroyYAX_FP(info);
-        return nullptr;
-    }
-
-    auto *record = static_cast<YAXDATA *>(_qcalloc(1, sizeof(YAXDATA)));
-    char **names = record != nullptr && info->meta_count != 0
-                       ? static_cast<char **>(_qcalloc(info->meta_count, sizeof(char *)))
-                       : nullptr;
-    if (names == nullptr) {
-        _qfree(record);
-        DestroyYAX_FP(info);
-        return nullptr;
-    }
-    record->type = 1;
-    record->yax_info = info;
-    record->count = info->meta_count;
-    // From here on the record owns the names read into the rows.
-    for (uint32_t i = 0; i < info->meta_count; ++i) names[i] = info->meta_data[i]->name;
-    record->YAX_name_list = names;
-    getTonePhotoInFile(record);
-    record->filename = nullptr;
-    record->filename_size = 0;
-    return record;
+YAX_EXPORT YAXDATA *checkYAXInBuffer(YAXBUFFER *buffer) {
+    return yax::parseRecord(yax::BufIO{buffer});
 }
 
 YAX_EXPORT YAXOFFSET *getYAXInFileByName(YAXDATA *yaxdata, const char *name) {
@@ -344,10 +390,11 @@ YAX_EXPORT void destroyYAXDATA(YAXDATA *yaxdata) {
 }
 
 YAX_EXPORT void destroyYAXDATA_FP(YAXDATA *yaxdata) {
-    if (yaxdata == nullptr) return;
-    yax::releaseNames(yaxdata);
-    DestroyYAX_FP(yaxdata->yax_info);
-    _qfree(yaxdata);
+    yax::destroyRecord<yax::FileIO>(yaxdata);
+}
+
+YAX_EXPORT void destroyYAXDATA_Buffer(YAXDATA *yaxdata) {
+    yax::destroyRecord<yax::BufIO>(yaxdata);
 }
 
 YAX_EXPORT void destroyYAXDATA_UNIT(YAXDATA_UNIT *unit) {

@@ -93,6 +93,22 @@ constexpr BranchMsgs kStreamMsgs{
     "SIGNATURE_VONO_YAX NOT UPDATE!!",
 };
 
+// The buffer flavour refuses legacy audio with the unknown-ending message,
+// so its legacy texts are never used.
+constexpr BranchMsgs kBufferMsgs{
+    "YAXAPIs::saveYAXDataToBuffer",
+    kStreamMsgs.unknown_signature,
+    nullptr,
+    nullptr,
+    nullptr,
+    kStreamMsgs.yax_no_data,
+    kStreamMsgs.yax_check,
+    kStreamMsgs.yax_not_update,
+    nullptr,
+    nullptr,
+    nullptr,
+};
+
 void say(const BranchMsgs &m, const char *text) {
     if (m.tag != nullptr && text != nullptr) YAXLogE(m.tag, text);
 }
@@ -107,6 +123,8 @@ bool usable(const VonoInfo *v) {
 
 // By path: every step opens and closes what it needs.
 struct PathTarget {
+    static constexpr bool kConvertsLegacy = true;
+    static constexpr bool kUndoable = true;
     const char *path;
     const char *where() const { return path; }
 
@@ -142,6 +160,8 @@ struct PathTarget {
 
 // By open stream: the caller's stream is used throughout and stays open.
 struct StreamTarget {
+    static constexpr bool kConvertsLegacy = true;
+    static constexpr bool kUndoable = true;
     FILE *fp;
     FILE *where() const { return fp; }
 
@@ -189,6 +209,36 @@ struct StreamTarget {
     int addFirst(const EntryArgs &e) const { return addFirstToStream(fp, e.entry()); }
     int add(YaxInfo *info, const EntryArgs &e, VonoInfo *v) const {
         return addToStream(fp, info, e.entry(), v);
+    }
+};
+
+// In a buffer stream. Two documented differences from a stream: a buffer
+// with legacy audio is refused rather than converted, and there is no undo
+// copy (the buffer is the caller's own copy; a replace's delete stays done
+// when the add after it fails). A buffer nothing was written to counts as
+// one without a trailer, whatever its bytes. The parses are released with
+// the stream flavour's destroy; the two differ only in which handle they
+// forget, and neither touches the buffer.
+struct BufferTarget {
+    static constexpr bool kConvertsLegacy = false;
+    static constexpr bool kUndoable = false;
+    YAXBUFFER *h;
+
+    int signature() const {
+        return qbgetWriteSize(h) == 0 ? SIGNATURE_NONE : static_cast<int>(getSignatureBuffer(h));
+    }
+    YAXDATA *parse() const { return checkYAXInBuffer(h); }
+    void release(YAXDATA *d) const { destroyYAXDATA_FP(d); }
+    int deleteEntry(YaxInfo *info, uint32_t index, VonoInfo *v) const {
+        return DeleteAYAXDataBuffer(h, info, index, v);
+    }
+    int addFirst(const EntryArgs &e) const {
+        return AddYAXDataInFirstTimeBuffer(h, e.name, e.name_length, e.data_type, e.sub_info,
+                                           e.sub_info_length, e.data, e.data_length);
+    }
+    int add(YaxInfo *info, const EntryArgs &e, VonoInfo *v) const {
+        return AddYAXDataBuffer(h, info, e.name, e.name_length, e.data_type, e.sub_info,
+                                e.sub_info_length, e.data, e.data_length, v);
     }
 };
 
@@ -315,9 +365,13 @@ int saveSteps(const Target &t, const Adder &adder, const Request &rq, const Bran
 // The safe-edit mode makes every save one edit (see edit_group.hpp).
 template <typename Target, typename Adder>
 int saveDecision(const Target &t, const Adder &adder, const Request &rq, const BranchMsgs &m) {
-    api::EditGroup group(t.where(), rq.key, (rq.option & 1) != 0);
-    if (!group.ready()) return 0;
-    return group.finish(saveSteps(t, adder, rq, m));
+    if constexpr (!Target::kUndoable) {
+        return saveSteps(t, adder, rq, m);
+    } else {
+        api::EditGroup group(t.where(), rq.key, (rq.option & 1) != 0);
+        if (!group.ready()) return 0;
+        return group.finish(saveSteps(t, adder, rq, m));
+    }
 }
 
 template <typename Target, typename Adder>
@@ -327,26 +381,31 @@ int saveSteps(const Target &t, const Adder &adder, const Request &rq, const Bran
     case SIGNATURE_NONE:
         return adder.first();
     case SIGNATURE_VONO:
-        return convertThenAdd(t, adder, rq, m);
+        if constexpr (Target::kConvertsLegacy) return convertThenAdd(t, adder, rq, m);
+        break;
     case SIGNATURE_YAX:
         return addToTrailer(t, adder, rq, m, {m.yax_no_data, m.yax_check, m.yax_not_update},
                             nullptr, rq.sub_for_yax);
-    case SIGNATURE_VONO_YAX: {
-        LegacyHold<Target> legacy{t, t.legacy()};
-        if (!usable(legacy.v)) {
-            say(m, m.vono_yax_no_data);
-            return 0;
+    case SIGNATURE_VONO_YAX:
+        if constexpr (Target::kConvertsLegacy) {
+            LegacyHold<Target> legacy{t, t.legacy()};
+            if (!usable(legacy.v)) {
+                say(m, m.vono_yax_no_data);
+                return 0;
+            }
+            t.detach(legacy.v);
+            return addToTrailer(t, adder, rq, m,
+                                {m.vono_yax_no_data, m.vono_yax_check, m.vono_yax_not_update},
+                                legacy.v, rq.sub_for_vono_yax);
         }
-        t.detach(legacy.v);
-        return addToTrailer(t, adder, rq, m,
-                            {m.vono_yax_no_data, m.vono_yax_check, m.vono_yax_not_update},
-                            legacy.v, rq.sub_for_vono_yax);
-    }
+        break;
     default:
-        if (m.tag != nullptr && m.unknown_signature != nullptr)
-            YAXLogE(m.tag, m.unknown_signature, signature);
-        return 0;
+        break;
     }
+    // Unknown endings, and legacy audio where the target does not convert it.
+    if (m.tag != nullptr && m.unknown_signature != nullptr)
+        YAXLogE(m.tag, m.unknown_signature, signature);
+    return 0;
 }
 
 // The path flavour has always handed 0 as the sub-information length to
@@ -383,8 +442,37 @@ int saveEntryByStream(FILE *fp, const EntryArgs &e, int option, const BranchMsgs
     return saveDecision(t, EntryAdder<StreamTarget>{t, e}, streamRequest(key.get(), e, option), m);
 }
 
-constexpr const char *kPathTag = "YAXAPI";
 constexpr const char *kTooBig = "Too big YAX data to add in the file";
+
+// The argument checks the stream and buffer flavours share, with their lines.
+bool nameGiven(const char *tag, const EntryArgs &e) {
+    if (e.name != nullptr && e.name_length != 0) return true;
+    YAXLogE(tag, "YAXName == VELTA_YAX_NULL || YAXName_len <= 0");
+    return false;
+}
+
+// Payload present, sub-information where the type needs it, size limit.
+bool payloadAccepted(const char *tag, const EntryArgs &e) {
+    const char *msg = nullptr;
+    if (e.data == nullptr || e.data_length == 0)
+        msg = "data == VELTA_YAX_NULL || data_len <= 0";
+    else if (e.data_type == YAX_USER_DEFINED_DATA && !hasSubInfo(e.sub_info, e.sub_info_length))
+        msg = "type & sub wrong !!";
+    else if (e.data_length >= layout::kSizeLimit)
+        msg = kTooBig;
+    if (msg != nullptr) YAXLogE(tag, msg);
+    return msg == nullptr;
+}
+
+int saveEntryInBuffer(YAXBUFFER *h, const EntryArgs &e, int option) {
+    QChars key = api::copyName(e.name, e.name_length);
+    if (!key) return 0;
+    BufferTarget t{h};
+    return saveDecision(t, EntryAdder<BufferTarget>{t, e}, streamRequest(key.get(), e, option),
+                        kBufferMsgs);
+}
+
+constexpr const char *kPathTag = "YAXAPI";
 
 }  // namespace
 }  // namespace yax
@@ -430,24 +518,34 @@ YAX_EXPORT int saveYAXDataToFP(FILE *fp, const char *name, uint32_t name_length,
         YAXLogE(tag, "fp NULL !!");
         return 0;
     }
-    if (name == nullptr || name_length == 0) {
-        YAXLogE(tag, "YAXName == VELTA_YAX_NULL || YAXName_len <= 0");
-        return 0;
-    }
-    if (data == nullptr || data_length == 0) {
-        YAXLogE(tag, "data == VELTA_YAX_NULL || data_len <= 0");
-        return 0;
-    }
-    if (data_type == YAX_USER_DEFINED_DATA && !hasSubInfo(sub_info, sub_info_length)) {
-        YAXLogE(tag, "type & sub wrong !!");
-        return 0;
-    }
-    if (data_length >= layout::kSizeLimit) {
-        YAXLogE(tag, kTooBig);
+    EntryArgs e{name, name_length, sub_info, sub_info_length, data, data_length, data_type};
+    if (!nameGiven(tag, e) || !payloadAccepted(tag, e)) return 0;
+    return saveEntryByStream(fp, e, option, kStreamMsgs);
+}
+
+YAX_EXPORT int saveYAXDataToBuffer(YAXBUFFER *buffer, const char *name, uint32_t name_length,
+                                   const void *sub_info, uint32_t sub_info_length,
+                                   const void *data, uint32_t data_length, uint32_t data_type,
+                                   int option) {
+    using namespace yax;
+    const char *tag = kBufferMsgs.tag;
+    if (buffer == nullptr) {
+        YAXLogE(tag, "Buffer NULL !!");
         return 0;
     }
     EntryArgs e{name, name_length, sub_info, sub_info_length, data, data_length, data_type};
-    return saveEntryByStream(fp, e, option, kStreamMsgs);
+    if (!payloadAccepted(tag, e)) return 0;
+    if (qbgetBufferSize(buffer) == 0) return 0;
+    // Beyond what the buffer flavour has always checked: a name is required
+    // (it is copied and compared), and a handle whose written size is not
+    // inside its storage is not read or written at all.
+    if (!nameGiven(tag, e)) return 0;
+    if (buffer->buffer == nullptr || buffer->write_size < 0 ||
+        static_cast<uint32_t>(buffer->write_size) > buffer->buffer_size) {
+        YAXLogE(tag, "buffer write size out of range");
+        return 0;
+    }
+    return saveEntryInBuffer(buffer, e, option);
 }
 
 YAX_EXPORT int saveYAXFileDataToFile(const char *path, const char *name, uint32_t name_length,

@@ -131,3 +131,12 @@ private:
 };
 
 }  // namespace yax::api
+
+namespace yax {
+// saveFastYAXDataToFP with its checks and lines, for a payload in memory
+// (`data`) or streamed from a file (`source`); the MP4 save and the fast
+// savers of a payload file share it.
+int fastSaveChecked(FILE *fp, const char *name, uint32_t name_length, const void *sub_info,
+                    uint32_t sub_info_length, const void *data, uint32_t data_length,
+                    uint32_t data_type, int option, const PayloadSource *source);
+}  // namespace yax

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "container/layout.hpp"
+#include "support/bytes.hpp"
 #include "support/io.hpp"
 #include "yax_container.h"
 #include "yax_support.h"
@@ -174,11 +175,29 @@ int list(YaxInfo *info) {
         return 0;
     }
 
+    // A file's rows come in batches of whole rows, one read each: a table of
+    // a thousand rows is a few reads, not three thousand. Bytes a short read
+    // did not deliver count as 0, as they do for a single word. A buffer
+    // read is all or nothing, so there each word is read on its own.
+    constexpr uint32_t kBatchRows = 512;
+    unsigned char rows[kBatchRows * kRowSize];
+    uint32_t batched = 0;
     for (uint32_t i = 0; i < count; ++i) {
         uint32_t meta_type = 0, offset = 0, length = 0;
-        io.read32(&meta_type);
-        io.read32(&offset);
-        io.read32(&length);
+        if constexpr (Flavour::IO::kIsBuffer) {
+            io.read32(&meta_type);
+            io.read32(&offset);
+            io.read32(&length);
+        } else {
+            if (i == batched) {
+                const uint32_t n = count - i < kBatchRows ? count - i : kBatchRows;
+                std::memset(rows, 0, n * kRowSize);
+                io.read(rows, n * kRowSize);
+                batched += n;
+            }
+            const unsigned char *row = rows + (i % kBatchRows) * kRowSize;
+            meta_type = get32(row), offset = get32(row + kWord), length = get32(row + 2 * kWord);
+        }
         info->cur_index = i;
         const int added = Flavour::addRow(info, offset, length, meta_type);
         if (Flavour::kStopAtBadRow && added == 0) {

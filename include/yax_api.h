@@ -1,5 +1,6 @@
-/* Public file API: query, save, fast save and delete. Every record returned
- * here is released by its own destroy function, which accepts NULL. */
+/* Public file API: query, save, fast save, delete, and the same on a whole file held in a
+ * buffer stream. Every record returned here is released by its own destroy function, which
+ * accepts NULL. */
 #ifndef YAX_API_H
 #define YAX_API_H
 
@@ -49,6 +50,17 @@ YAX_EXPORT YAXDATA_UNIT *extractYAXDataFromFilebyName(YAXDATA *yaxdata, const ch
 YAX_EXPORT int64_t yaxStreamYAXData(YAXDATA *yaxdata, uint32_t index, int part, FILE *out);
 YAX_EXPORT int64_t yaxStreamYAXDataByName(YAXDATA *yaxdata, const char *name, int part,
                                           FILE *out);
+/* This library's own extension: several edits of one file as one. In the
+ * safe-edit mode (yaxSetSafeEdit) yaxBeginEdit saves what any edit of `path`
+ * may change, the edits made until yaxEndEdit are nested in it, and
+ * yaxEndEdit(group, 0) (or a failed write on the way) puts the file back as
+ * it was; yaxEndEdit(group, 1) keeps the edits and returns 1, or 0 when it
+ * had to put the file back. In the default mode the group does nothing and
+ * yaxEndEdit returns `result`. yaxBeginEdit gives NULL when the old bytes
+ * cannot be saved (or memory is short): no edit should start. */
+typedef struct YaxEditGroup YaxEditGroup;
+YAX_EXPORT YaxEditGroup *yaxBeginEdit(const char *path);
+YAX_EXPORT int yaxEndEdit(YaxEditGroup *group, int result);
 YAX_EXPORT char *getYAXVersion(void); /* "105"; caller frees with _qfree */
 YAX_EXPORT void printYAXVersion(void);
 
@@ -109,6 +121,21 @@ YAX_EXPORT int saveYAXDataFileToFPToMP4(FILE *fp, const char *name, uint32_t nam
                                         const void *sub_info, uint32_t sub_info_length,
                                         const char *payload_path, uint32_t data_type,
                                         int option);
+
+/* ---- a whole file held in a buffer stream ---- */
+/* the query record of a buffer (no path); destroyYAXDATA_Buffer leaves the buffer alone */
+YAX_EXPORT YAXDATA *checkYAXInBuffer(YAXBUFFER *buffer);
+YAX_EXPORT void destroyYAXDATA_Buffer(YAXDATA *yaxdata);
+/* adds (or, with bit 0 of option, replaces) one entry; buffers with legacy audio are refused */
+YAX_EXPORT int saveYAXDataToBuffer(YAXBUFFER *buffer, const char *name, uint32_t name_length,
+                                   const void *sub_info, uint32_t sub_info_length,
+                                   const void *data, uint32_t data_length, uint32_t data_type,
+                                   int option);
+/* write the buffer's written bytes out; the byte count or -1. These two report
+ * their failures on standard output, not through the log. WriteHandle_Fp
+ * neither flushes nor closes the stream. */
+YAX_EXPORT int WriteHandle_Fp(YAXBUFFER *buffer, FILE *fp);
+YAX_EXPORT int WriteHandle_FilePath(const char *path, YAXBUFFER *buffer);
 
 /* ---- delete ---- */
 /* replaces *handle with a fresh record (or NULL) on success */

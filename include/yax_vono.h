@@ -97,6 +97,54 @@ YAX_EXPORT int isVonoMetaInfo(YAXDATA *yaxdata);
 YAX_EXPORT int isIdenticalNameInMetaInfo(YAXDATA_UNIT *meta, const char *name);
 YAX_EXPORT YAXOFFSET *getVonoInFile(YAXDATA *yaxdata, const char *name);
 
+/* ---- the sound API ----
+ * Sounds kept with a photo: the legacy block, TonePhoto entries (type 256)
+ * with their name list "TonePhoto_Meta_Info" (type 2048), or both. Results
+ * are 1/0 unless said. In the safe-edit mode (yaxSetSafeEdit) an edit made
+ * of several steps is one edit: a failed step puts the whole file back. */
+
+/* A named sound fetched from a parsed trailer: its data length and the
+ * extracted entry. destroyAudioStreamBuffer (this library's own addition)
+ * frees it. */
+typedef struct YAXAUDIOSTREAM {
+    uint32_t length;
+    YAXDATA_UNIT *unit; /* NULL when the name is not stored */
+} YAXAUDIOSTREAM;
+
+/* 1 also for a file whose ending cannot be read (nothing is done). A legacy
+ * sound becomes "TonePhoto_000" beside the new one. */
+YAX_EXPORT int saveVonoToImageFile(const char *path, const void *data, uint32_t data_len,
+                                   const char *name, uint32_t name_len);
+/* The name list always loses its last name, whichever sound is deleted. */
+YAX_EXPORT int deleteVonoFromImageFile(const char *path, const char *name);
+/* 0 for a plain image, legacy audio alone or a trailer alone; otherwise the
+ * bare image is left: every other entry goes with the sounds. */
+YAX_EXPORT int deleteAllVonoFromImageFile(const char *path);
+/* n: the number of sounds; sets the legacy record's sound_moved. */
+YAX_EXPORT int deleteTonePhotoDataFromFilebyName(YAXDATA **handle, const char *name,
+                                                 uint32_t name_len, uint32_t n);
+YAX_EXPORT int deleteTonePhotoDataFromFilebyIndex(void); /* always 0 */
+YAX_EXPORT int deleteATonePhotoData(const char *path, YaxInfo *info, uint32_t index,
+                                    VonoInfo *vono, uint32_t n);
+YAX_EXPORT int DeleteAllTonePhotoData(const char *path, YaxInfo *info);
+/* accepted, completed records (DestroyVono / DestroyVonoFP), or NULL (a
+ * record that is not accepted is not freed); checkVonoInBuffer always gives
+ * NULL */
+YAX_EXPORT VonoInfo *checkVonoInFile(const char *path);
+YAX_EXPORT VonoInfo *checkVonoInFP(FILE *fp);
+YAX_EXPORT VonoInfo *checkVonoInBuffer(YAXBUFFER *buffer);
+/* NULL only for a NULL record */
+YAX_EXPORT YAXAUDIOSTREAM *getAudioStreamBuffer(YAXDATA *info, const char *name,
+                                                uint32_t name_len);
+YAX_EXPORT void destroyAudioStreamBuffer(YAXAUDIOSTREAM *stream);
+/* Appends the source's listed sounds and list behind the destination as a
+ * new trailer with a legacy record on the first sound. */
+YAX_EXPORT int copyTonePhotoData(const char *src_path, const char *dst_path);
+/* Saves each listed sound of the source into the destination; a source or
+ * destination holding legacy audio alone is converted in place first. */
+YAX_EXPORT int copyVonoData(const char *src_path, const char *dst_path);
+YAX_EXPORT void destroyVONOOFFSET(VONOOFFSET *p);
+
 #ifdef __cplusplus
 }
 #endif

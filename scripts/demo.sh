@@ -2,7 +2,8 @@
 # Builds libYAX with the yax tool and shows the library's main job on the
 # bundled sample image: store two entries, list them, get one back and compare,
 # replace one, remove one, list again, and check that the image still decodes;
-# then the same inside the bundled MP4 clip, checked with ffprobe.
+# then the same inside the bundled MP4 clip, checked with ffprobe, and sounds
+# stored in the clip and in the photo.
 # Environment: YAX_BUILD_ROOT (default <repo>/build), YAX_JOBS (default 2),
 #              YAX_SKIP_DEPS=1 to skip the install check.
 set -euo pipefail
@@ -74,6 +75,30 @@ cmp blob.bin <(yax get clip.mp4 blob) || fail "the blob read back from the clip 
 echo "blob read back from the clip byte for byte"
 probe | cmp - probe.before || fail "ffprobe reads the clip differently after the edits"
 echo "ffprobe reads the same streams and duration"
+# ---- sounds -------------------------------------------------------------
+# A sound in the clip: ffprobe still reads the same streams and duration.
+head -c 4000 /dev/urandom > sound.raw
+show yax sound add clip.mp4 rain sound.raw
+show yax list clip.mp4
+cmp sound.raw <(yax sound get clip.mp4 rain) || fail "the sound read back from the clip differs"
+probe | cmp - probe.before || fail "ffprobe reads the clip differently after the sound was added"
+echo "sound read back from the clip; ffprobe reads the same streams and duration"
+# Sounds in the photo: add two, read one back, remove one, clear the rest.
+cp "$root/tests/data/sample.jpg" photo.jpg
+printf 'second sound' > sound2.raw
+show yax sound add photo.jpg rain sound.raw
+show yax sound add photo.jpg wind sound2.raw
+show yax list photo.jpg
+cmp sound.raw <(yax sound get photo.jpg rain) || fail "the sound read back from the photo differs"
+echo "sound read back from the photo byte for byte"
+show yax sound rm photo.jpg rain
+show yax list photo.jpg
+djpeg photo.jpg | cmp - <(djpeg "$root/tests/data/sample.jpg") || fail "the photo decodes differently after the sound edits"
+echo "djpeg decodes the photo to the same pixels"
+show yax sound clear photo.jpg
+cmp photo.jpg "$root/tests/data/sample.jpg" || fail "after sound clear the photo differs from the original"
+echo "after sound clear the photo is byte for byte the original"
+# ---- end of sounds ------------------------------------------------------
 show yax clear clip.mp4
 cmp clip.mp4 "$root/tests/data/sample.mp4" || fail "after clear the clip differs from the original"
 echo "after clear the clip is byte for byte the original"

@@ -21,6 +21,7 @@
 //    an interruption yaxRecoverEdit puts them back.
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -126,15 +127,64 @@ private:
     uint64_t failures_ = 0;
 };
 
-// Buffers live in memory: nothing to save or flush.
-struct NoUndo {
-    bool ready() const { return true; }
-    bool commit() { return true; }
+// An edit of a buffer stream in either mode: the written bytes from `from` on
+// and the written size are kept in memory, and put back unless the edit
+// commits. Bytes the failed edit wrote beyond the old end are cleared, as a
+// truncation clears them. Without this, an add that runs out of capacity
+// part way leaves a buffer whose trailer is gone. A handle whose written
+// size lies outside its storage is not edited at all.
+class BufUndo {
+public:
+    BufUndo(YAXBUFFER *h, int64_t from) : h_(h) {
+        if (h == nullptr || h->buffer == nullptr) return;  // the edit fails on its own
+        if (h->write_size < 0 || static_cast<uint32_t>(h->write_size) > h->buffer_size ||
+            from < 0 || from > h->write_size) {
+            ready_ = false;
+            return;
+        }
+        try {
+            old_.assign(h->buffer + from, h->buffer + h->write_size);
+        } catch (...) {
+            ready_ = false;
+            return;
+        }
+        from_ = from;
+        size_ = h->write_size;
+        armed_ = true;
+    }
+    ~BufUndo() {
+        if (armed_) restore();
+    }
+    BufUndo(const BufUndo &) = delete;
+    BufUndo &operator=(const BufUndo &) = delete;
+
+    bool ready() const { return ready_; }
+    bool commit() {
+        armed_ = false;
+        return true;
+    }
+
+private:
+    void restore() {
+        const int32_t now = h_->write_size;
+        if (now > size_ && static_cast<uint32_t>(now) <= h_->buffer_size)
+            std::memset(h_->buffer + size_, 0, static_cast<size_t>(now - size_));
+        if (!old_.empty()) std::memcpy(h_->buffer + from_, old_.data(), old_.size());
+        h_->write_size = size_;
+        if (h_->position > size_) h_->position = size_;
+    }
+    YAXBUFFER *h_;
+    std::vector<unsigned char> old_;
+    int64_t from_ = 0;
+    int32_t size_ = 0;
+    bool ready_ = true;
+    bool armed_ = false;
 };
 
 inline UndoScope undoScope(const FileIO &io, int64_t from, const bool *abandoned = nullptr) {
     return UndoScope(io.fp, from, abandoned);
 }
-inline NoUndo undoScope(const BufIO &, int64_t, const bool * = nullptr) { return {}; }
+// a buffer's payload never comes from a file, so nothing abandons its edit part way
+inline BufUndo undoScope(const BufIO &io, int64_t from, const bool * = nullptr) { return BufUndo(io.h, from); }
 
 }  // namespace yax

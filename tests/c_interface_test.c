@@ -32,6 +32,21 @@ int main(void) {
     CHECK(getYAXWriteSize(b) == 4);
     CHECK(memcmp(getYAXBuffer(b), "\x44\x33\x22\x11", 4) == 0);
     destroyYAXBuffer(b);
+
+    /* a whole file in memory: one entry in, parsed back, written out */
+    b = initYAXBuffer(256);
+    static const unsigned char image[64] = {0xFF, 0xD8};
+    CHECK(_qbwrite(image, sizeof image, b) == 64);
+    CHECK(saveYAXDataToBuffer(b, "k", 1, NULL, 0, "v", 1, 1, 0) == 1);
+    YAXDATA *yd = checkYAXInBuffer(b);
+    CHECK(yd != NULL && yd->count == 1 && strcmp(yd->YAX_name_list[0], "k") == 0);
+    destroyYAXDATA_Buffer(yd);
+    FILE *out = tmpfile();
+    CHECK(out != NULL && WriteHandle_Fp(b, out) == getYAXWriteSize(b));
+    if (out != NULL) fclose(out);
+    CHECK(WriteHandle_FilePath("no-such-dir/out.jpg", b) == -1);
+    destroyYAXBuffer(b);
+
     CHECK(_setMetaType(3, 1) == 229376u);
     CHECK(getExtIndex("photo.jpg") == 5);
     CHECK(yaxGetSafeEdit() == 0); /* off until the caller sets it */
@@ -55,6 +70,18 @@ int main(void) {
     CHECK(YAX_STREAM_PAYLOAD == 0 && YAX_STREAM_SUB_INFO == 1);
     CHECK(yaxStreamYAXData(NULL, 0, YAX_STREAM_PAYLOAD, stdout) == -1);
     CHECK(yaxStreamYAXDataByName(NULL, "a", YAX_STREAM_SUB_INFO, stdout) == -1);
+    /* the sound API from C: the stream record and the placeholders */
+    {
+        YAXAUDIOSTREAM *s = getAudioStreamBuffer(NULL, "a", 1);
+        CHECK(s == NULL);
+        destroyAudioStreamBuffer(s);
+        destroyVONOOFFSET(NULL);
+        CHECK(deleteTonePhotoDataFromFilebyIndex() == 0);
+        CHECK(checkVonoInBuffer(NULL) == NULL);
+        CHECK(copyTonePhotoData(NULL, "b.jpg") == 0 && copyVonoData("a.jpg", NULL) == 0);
+        YaxEditGroup *g = yaxBeginEdit("no-such-file.jpg");
+        CHECK(g != NULL && yaxEndEdit(g, 1) == 1 && yaxEndEdit(NULL, 1) == 0);
+    }
     printf("%d passed, %d failed\n", failures == 0 ? 1 : 0, failures == 0 ? 0 : 1);
     return failures == 0 ? 0 : 1;
 }

@@ -4,6 +4,9 @@
 // record. Bad name and sub-information lengths and wrapping offsets are in
 // the malformed-input suite.
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <tuple>
 
 #include "testutil.hpp"
 #include "yax_container.h"
@@ -117,6 +120,41 @@ TEST_P(Read, RefusalsAndTheirLines) {
     // which counts as a failed seek.
     info->meta_data[0]->offset = uint32_t(info->file_size) - info->header_offset + 4;
     EXPECT_EQ(name(info, 0, 0), nameErr("File System Error 0\n "));
+}
+
+// A table longer than one batch of rows, whose name heads straddle the
+// read window's edges (names of 1 to 1024 bytes, with and without
+// sub-information, tiny and larger payloads): every row and name as built,
+// and a file's offset left just behind the last name, where reading each
+// field on its own leaves it.
+TEST_P(Read, LongTableRowsAndNamesAcrossBatchesAndWindows) {
+    std::vector<Entry> entries;
+    const size_t lengths[] = {1, 7, 300, 1024, 2, 1023};
+    for (uint32_t i = 0; i < 1100; ++i) {
+        std::string n = std::to_string(i) + std::string(lengths[i % 6], 'n');
+        n.resize(lengths[i % 6]);
+        n[0] = char('a' + i % 26);
+        entries.push_back({i % 5, n, std::string(i % 7 == 0 ? 700 : 1, 'p'), i % 3 ? "" : "s"});
+    }
+    open(tb::trailer(entries));
+    ASSERT_EQ(info->meta_count, 1100u);
+    const auto rows = tb::rowsFor(entries);
+    for (uint32_t i = 0; i < 1100; ++i) {
+        const YaxEntry *e = info->meta_data[i];
+        ASSERT_NE(e, nullptr) << i;
+        EXPECT_EQ(std::make_tuple(e->meta_type, e->offset, e->length),
+                  std::make_tuple(rows[i].meta_type, rows[i].offset, rows[i].length)) << i;
+    }
+    EXPECT_EQ(name(info, -1, 1), "");
+    for (uint32_t i = 0; i < 1100; ++i)
+        ASSERT_EQ(std::string(info->meta_data[i]->name, info->meta_data[i]->name_length), entries[i].name) << i;
+    if (!buf) {
+        int64_t last = kHost;
+        for (size_t i = 0; i + 1 < entries.size(); ++i) last += tb::blockLength(entries[i]);
+        const Entry &e = entries.back();
+        EXPECT_EQ(lseek64(fileno(info->fp), 0, SEEK_CUR),
+                  last + 8 + (e.hasSub() ? 4 : 0) + int64_t(e.name.size()));
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Flavours, Read, ::testing::Values(false, true),

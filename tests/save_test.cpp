@@ -1,5 +1,5 @@
-// Saving one entry by path and by stream: whole files compared with bytes the
-// builder computes, the replace and refuse rules, the legacy audio branches,
+// Saving one entry by path, by stream and into a buffer stream written out to
+// the file: whole files compared with bytes the builder computes, the replace and refuse rules, the legacy audio branches,
 // the refusals with their exact log lines, payload files, formatted blocks
 // and the streaming header/tail pair.
 #include <functional>
@@ -15,6 +15,7 @@ using tu::errLine;
 namespace {
 
 constexpr const char *kFP = "YAXAPIs::saveYAXDataToFP";
+constexpr const char *kBuf = "YAXAPIs::saveYAXDataToBuffer";
 const std::string kNoRoom = errLine(
     "checkYAXInfoForSaving", "There is no storage for saving YAX data in the source file, delete a yax data");
 const Entry kA{5, "a", "first payload", ""}, kB{6, "bee", "second", "sub-info"};
@@ -24,8 +25,9 @@ const Entry kC{7, "c", "third payload!", ""};
 #define BY_PATH(x) [=]([[maybe_unused]] const char *f, FILE *) { return x; }
 #define BY_FP(x) [=](const char *, FILE *fp) { return x; }
 
-// The path and stream flavours, driven alike.
-enum class Via { Path, Stream };
+// The path, stream and buffer flavours, driven alike. The buffer holds the
+// file's bytes with room to spare and is written back over the file.
+enum class Via { Path, Stream, Buffer };
 
 class Save : public ApiTest, public ::testing::WithParamInterface<Via> {
 protected:
@@ -37,6 +39,15 @@ protected:
         const char *name = e.name.c_str(), *data = e.payload.data();
         if (GetParam() == Via::Path)
             return saveYAXDataToFile(file.c_str(), name, nl, sub, sl, data, len, e.type, option);
+        if (GetParam() == Via::Buffer) {
+            const Bytes before = now();
+            YAXBUFFER *b = initYAXBuffer(u32size(before) + 4096);
+            EXPECT_EQ(_qbwrite(before.data(), u32size(before), b), int(before.size()));
+            const int r = saveYAXDataToBuffer(b, name, nl, sub, sl, data, len, e.type, option);
+            EXPECT_EQ(WriteHandle_FilePath(file.c_str(), b), getYAXWriteSize(b));
+            destroyYAXBuffer(b);
+            return r;
+        }
         FILE *fp = _qfopen(file.c_str(), "r+b");
         const int r = saveYAXDataToFP(fp, name, nl, sub, sl, data, len, e.type, option);
         return _qfclose(fp), r;
@@ -44,19 +55,23 @@ protected:
 };
 
 // Replacing the only entry starts a new trailer; later saves append; a present
-// name is refused without bit 0 of the option (only the stream flavour says
-// so) and moved to the end with it; the name is looked up by its given bytes.
+// name is refused without bit 0 of the option (the path flavour silently) and
+// moved to the end with it; the name is looked up by its given bytes.
 // Legacy audio alone: the sound becomes the TonePhoto pair, the new entry
 // follows, and a legacy block pointing into the sound entry closes the file;
-// later saves keep that block behind the new tail.
+// later saves keep that block behind the new tail. A buffer with legacy audio
+// is refused as it is.
 TEST_P(Save, AppendRefuseReplaceAndConvert) {
     const Entry a0{3, "a", "x", ""}, a2{9, "a", "replacement of another length", "s"};
     const Entry b2{6, "bee", "other", ""};
     put(host() + trailer({a0}));
     // (a braced list is evaluated in order)
     EXPECT_EQ(std::vector<int>({save(kA, 1), save(kB), save(kC)}), std::vector<int>({1, 1, 1}));
+    const std::string notUpdate = "SIGNATURE_YAX NOT UPDATE!!";
     EXPECT_EQ(tu::capture([&] { EXPECT_EQ(save(a2, 2), 0); }),
-              GetParam() == Via::Path ? "" : errLine(kFP, "SIGNATURE_YAX NOT UPDATE!!"));
+              GetParam() == Via::Path     ? ""
+              : GetParam() == Via::Stream ? errLine(kFP, notUpdate)
+                                          : errLine(kBuf, notUpdate));
     EXPECT_EQ(save(Entry{5, "beezzz", "y", ""}, 0, 3), 0);  // "bee" is present
     EXPECT_EQ(now(), host() + trailer({kA, kB, kC}));
     EXPECT_EQ(save(a2, 1), 1);
@@ -66,6 +81,17 @@ TEST_P(Save, AppendRefuseReplaceAndConvert) {
     const std::string sound = "RIFF....legacy sound bytes";
     const uint32_t p = u32size(host()), s = static_cast<uint32_t>(sound.size());
     put(host() + tb::bytes(sound) + vono1(p, p + s));
+    if (GetParam() == Via::Buffer) {
+        const Bytes legacy = now(), both = host() + trailer({kA}) + vono1(p, p + s);
+        EXPECT_EQ(tu::capture([&] { EXPECT_EQ(save(kB), 0); }),
+                  errLine(kBuf, "Signature File!! mode : 2\n"));
+        EXPECT_EQ(now(), legacy);
+        put(both);
+        EXPECT_EQ(tu::capture([&] { EXPECT_EQ(save(kB, 1), 0); }),
+                  errLine(kBuf, "Signature File!! mode : 4\n"));
+        EXPECT_EQ(now(), both);
+        return;
+    }
     EXPECT_EQ(std::vector<int>({save(kB), save(kC), save(b2, 0), save(b2, 1)}),
               std::vector<int>({1, 1, 0, 1}));
     EXPECT_EQ(now(), host() + trailer({toneSound(sound), toneMeta(), kC, b2}) + vono1(p + 21, p + 21 + s));
@@ -73,7 +99,7 @@ TEST_P(Save, AppendRefuseReplaceAndConvert) {
     expectDecodes();
 }
 
-INSTANTIATE_TEST_SUITE_P(Flavours, Save, ::testing::Values(Via::Path, Via::Stream));
+INSTANTIATE_TEST_SUITE_P(Flavours, Save, ::testing::Values(Via::Path, Via::Stream, Via::Buffer));
 
 class SaveChecks : public ApiTest {
 protected:
@@ -182,6 +208,172 @@ TEST_F(SaveChecks, FormattedBlocksPayloadFilesAndStreaming) {
     _qfclose(fp);
     EXPECT_EQ(now(), host() + trailer({Entry{9, "hd", "PAYLOAD", "si"}}));
     expectDecodes();
+}
+
+}  // namespace
+
+namespace {
+
+// ---- the buffer flavour's own rules ----
+
+// A buffer stream holding `content` with `spare` bytes of room behind it.
+struct Buf {
+    YAXBUFFER *h;
+    explicit Buf(const Bytes &content, uint32_t spare = 256)
+        : h(initYAXBuffer(u32size(content) + spare)) {
+        if (!content.empty()) _qbwrite(content.data(), u32size(content), h);
+    }
+    ~Buf() { destroyYAXBuffer(h); }
+    Bytes written() const { return Bytes(h->buffer, h->buffer + h->write_size); }
+    Bytes storage() const { return Bytes(h->buffer, h->buffer + h->buffer_size + 1); }
+};
+
+int saveTo(YAXBUFFER *h, const Entry &e, int option = 0) {
+    return saveYAXDataToBuffer(h, e.name.c_str(), uint32_t(e.name.size()),
+                               e.hasSub() ? e.sub.data() : nullptr, uint32_t(e.sub.size()),
+                               e.payload.data(), uint32_t(e.payload.size()), e.type, option);
+}
+
+// Each refusal answers 0, logs exactly its lines and leaves every byte of the
+// storage and the written size as they were. 0xFFF00000 passes the size
+// limit and meets the trailer's room check without a byte of the payload
+// being read; one more is too big. A buffer without capacity is refused
+// silently. Beyond the old checks: a missing name, and a handle whose written
+// size lies outside its storage (read by nothing, under the sanitizers too).
+// An add that does not fit the capacity fails without touching the buffer.
+TEST(BufferSave, RefusalsLeaveTheBufferAsItWas) {
+    static const char data[8] = "payload";
+    const Bytes h = host(), hA = host() + trailer({kA});
+    const uint32_t limit = 0xFFF00000u;
+    struct Case { Bytes content; uint32_t spare; std::function<int(YAXBUFFER *)> call; std::string lines; };
+    const std::vector<Case> cases{
+        {h, 64, [](YAXBUFFER *b) { return saveYAXDataToBuffer(b, "a", 1, nullptr, 0, nullptr, 1, 1, 0); },
+         errLine(kBuf, "data == VELTA_YAX_NULL || data_len <= 0")},
+        {h, 64, [](YAXBUFFER *b) { return saveYAXDataToBuffer(b, "a", 1, nullptr, 0, data, 0, 1, 0); },
+         errLine(kBuf, "data == VELTA_YAX_NULL || data_len <= 0")},
+        {h, 64, [](YAXBUFFER *b) { return saveYAXDataToBuffer(b, "a", 1, "s", 0, data, 1, 0, 0); },
+         errLine(kBuf, "type & sub wrong !!")},
+        {hA, 64, [=](YAXBUFFER *b) { return saveYAXDataToBuffer(b, "z", 1, nullptr, 0, data, limit + 1, 1, 0); },
+         errLine(kBuf, "Too big YAX data to add in the file")},
+        {hA, 64, [=](YAXBUFFER *b) { return saveYAXDataToBuffer(b, "z", 1, nullptr, 0, data, limit, 1, 0); },
+         kNoRoom + errLine(kBuf, "SIGNATURE_YAX checkYAXInfoForSaving fail!!")},
+        {{}, 0, [](YAXBUFFER *b) { return saveYAXDataToBuffer(b, "a", 1, nullptr, 0, data, 1, 1, 0); }, ""},
+        {h, 64, [](YAXBUFFER *b) { return saveYAXDataToBuffer(b, nullptr, 1, nullptr, 0, data, 1, 1, 0); },
+         errLine(kBuf, "YAXName == VELTA_YAX_NULL || YAXName_len <= 0")},
+        {hA, 64, [](YAXBUFFER *b) { return saveYAXDataToBuffer(b, "a", 0, nullptr, 0, data, 1, 1, 1); },
+         errLine(kBuf, "YAXName == VELTA_YAX_NULL || YAXName_len <= 0")},
+        {hA, 64, [](YAXBUFFER *b) { return saveTo(b, kA, 0); }, errLine(kBuf, "SIGNATURE_YAX NOT UPDATE!!")},
+        {hA, 4, [](YAXBUFFER *b) { return saveTo(b, kB, 0); },
+         errLine("YAXEncoder::AddYAXDataFP", "file _writeYAX_QVER error\n")},
+        {h, 4, [](YAXBUFFER *b) { return saveTo(b, kB, 0); },
+         errLine("YAXInternal::_writeDataTagInfo", "File Write Error") +
+             errLine("YAXEncoder::AddYAXDataInFirstTimeFP", "File _writeDataTagInfo Error")},
+    };
+    for (size_t i = 0; i < cases.size(); ++i) {
+        Buf b(cases[i].content, cases[i].spare);
+        const Bytes before = b.storage();
+        int r = -1;
+        EXPECT_EQ(tu::capture([&] { r = cases[i].call(b.h); }), cases[i].lines) << "case " << i;
+        EXPECT_EQ(r, 0) << "case " << i;
+        EXPECT_EQ(b.storage(), before) << "case " << i;
+        EXPECT_EQ(b.h->write_size, int32_t(cases[i].content.size())) << "case " << i;
+    }
+    EXPECT_EQ(tu::capture([] { EXPECT_EQ(saveYAXDataToBuffer(nullptr, "a", 1, nullptr, 0, data, 1, 1, 1), 0); }),
+              errLine(kBuf, "Buffer NULL !!"));
+
+    // 16 bytes of storage that claim 64 written
+    unsigned char storage[17] = {};
+    YAXBUFFER lying{storage, 16, 64, 0, 0};
+    EXPECT_EQ(tu::capture([&] { EXPECT_EQ(saveTo(&lying, kB, 1), 0); }),
+              errLine(kBuf, "buffer write size out of range"));
+    EXPECT_EQ(tu::capture([&] { EXPECT_EQ(WriteHandle_Fp(&lying, stdout), -1); }),
+              "WriteHandle : write error \n");
+}
+
+// An unwritten buffer takes its first entry at byte 0 whatever its storage
+// holds (here an old trailer). A replace whose add does not fit leaves the
+// old entry deleted. The buffer record: validity 1, the rows' names, the
+// TonePhoto list (a trailer followed by legacy audio is parsed too), no path;
+// it is released with either destroy (the save uses the stream one), and
+// neither touches the buffer. No trailer, or legacy audio alone: no record.
+TEST(BufferSave, FirstEntryReplaceThatDoesNotFitAndRecords) {
+    const Entry tiny{1, "n", "p", ""}, big{5, "a", std::string(64, 'x'), ""};
+    Bytes storage = host() + trailer({kA});
+    storage.push_back(0);  // the stream's end marker
+    YAXBUFFER *raw = initYAXAllocatedBuffer(storage.data(), u32size(storage) - 1);
+    EXPECT_EQ(saveTo(raw, tiny), 1);
+    EXPECT_EQ(Bytes(storage.begin(), storage.begin() + raw->write_size), trailer({tiny}));
+    destroyYAXBuffer(raw);
+
+    Buf tight(host() + trailer({kA, kB}), 16);
+    EXPECT_EQ(saveTo(tight.h, big, 1), 0);
+    EXPECT_EQ(tight.written(), host() + trailer({kB}));
+
+    const uint32_t p = u32size(host());
+    const Bytes tone = host() + trailer({toneSound("snd"), toneMeta(), tiny}) + vono1(p + 21, p + 24);
+    for (auto destroy : {destroyYAXDATA_Buffer, destroyYAXDATA_FP}) {
+        Buf b(tone);
+        YAXDATA *yd = checkYAXInBuffer(b.h);
+        ASSERT_NE(yd, nullptr);
+        EXPECT_EQ(yd->type, 1);
+        ASSERT_EQ(yd->count, 3u);
+        EXPECT_STREQ(yd->YAX_name_list[0], "TonePhoto_000");
+        EXPECT_STREQ(yd->YAX_name_list[2], "n");
+        ASSERT_EQ(yd->tonephoto_count, 1u);
+        EXPECT_STREQ(yd->tonephoto_name_list[0], "TonePhoto_000");
+        EXPECT_EQ(yd->filename, nullptr);
+        EXPECT_EQ(yd->filename_size, 0u);
+        EXPECT_EQ(yd->yax_info->handle, b.h);
+        destroy(yd);
+        EXPECT_EQ(b.written(), tone);
+        EXPECT_EQ(saveTo(b.h, kC), 0);  // legacy audio behind: not saved into
+    }
+    destroyYAXDATA_Buffer(nullptr);
+    Buf none(host()), legacy(host() + tb::bytes("snd") + vono1(p, p + 3));
+    for (YAXBUFFER *h : {static_cast<YAXBUFFER *>(nullptr), none.h, legacy.h})
+        EXPECT_EQ(checkYAXInBuffer(h), nullptr);
+}
+
+// Writing out: the written bytes and their count, nothing printed, the stream
+// left open where the bytes end; a stream that
+// cannot take them, a path that cannot be opened (or none) answer -1 with
+// their console lines; an existing longer file is replaced; an empty buffer
+// writes an empty file.
+TEST(BufferSave, WriteOutAndItsConsoleLines) {
+    tu::TempDir dir;
+    const std::string out = dir.path("out.jpg"), ro = dir.path("ro.jpg");
+    const Bytes content = host() + trailer({kA});
+    Buf b(content), empty(Bytes{});
+    const int n = int(content.size());
+
+    FILE *fp = std::fopen(out.c_str(), "wb");
+    int r = 0;
+    EXPECT_EQ(tu::capture([&] { r = WriteHandle_Fp(b.h, fp); }), "");
+    EXPECT_EQ(r, n);
+    EXPECT_EQ(std::ftell(fp), n);
+    EXPECT_EQ(std::fputc('!', fp), '!');  // still open
+    EXPECT_EQ(std::fclose(fp), 0);
+    EXPECT_EQ(tu::readFile(out), content + tb::bytes("!"));
+
+    tu::writeFile(ro, {});
+    fp = std::fopen(ro.c_str(), "rb");
+    EXPECT_EQ(tu::capture([&] { r = WriteHandle_Fp(b.h, fp); }), "WriteHandle : write error \n");
+    EXPECT_EQ(r, -1);
+    std::fclose(fp);
+
+    EXPECT_EQ(tu::capture([&] { r = WriteHandle_FilePath(dir.path("no/such.jpg").c_str(), b.h); }),
+              "fp null!!\n");
+    EXPECT_EQ(r, -1);
+    EXPECT_EQ(tu::capture([&] { r = WriteHandle_FilePath(nullptr, b.h); }), "fp null!!\n");
+    EXPECT_EQ(r, -1);
+
+    tu::writeFile(out, content + content);
+    EXPECT_EQ(tu::capture([&] { r = WriteHandle_FilePath(out.c_str(), b.h); }), "");
+    EXPECT_EQ(r, n);
+    EXPECT_EQ(tu::readFile(out), content);
+    EXPECT_EQ(WriteHandle_FilePath(out.c_str(), empty.h), 0);
+    EXPECT_EQ(tu::readFile(out).size(), 0u);
+    EXPECT_EQ(dir.list(), (std::vector<std::string>{"out.jpg", "ro.jpg"}));
 }
 
 }  // namespace

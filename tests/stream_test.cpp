@@ -15,7 +15,7 @@ using namespace at;
 
 constexpr uint32_t kChunk = 1u << 18;  // the copy routine's read/write chunk
 
-enum Flavour { kPath, kFP, kFast, kFastFP };
+enum Flavour { kPath, kFP, kFast, kFastFP, kMp4 };
 
 struct Step {
     Flavour how;
@@ -48,13 +48,14 @@ int saveInMemory(const std::string &f, const Step &s, const Bytes &data) {
     const void *sub = sl != 0 ? s.sub : nullptr;
     const auto *d = data.empty() ? nullptr : data.data();
     const auto dl = u32size(data);
-    FILE *fp = s.how == kFP || s.how == kFastFP ? _qfopen(f.c_str(), "r+b") : nullptr;
+    FILE *fp = s.how != kPath && s.how != kFast ? _qfopen(f.c_str(), "r+b") : nullptr;
     int r = 0;
     switch (s.how) {
     case kPath: r = saveYAXDataToFile(f.c_str(), s.name, n, sub, sl, d, dl, 5, s.option); break;
     case kFP: r = saveYAXDataToFP(fp, s.name, n, sub, sl, d, dl, 5, s.option); break;
     case kFast: r = saveFastYAXDataToFile(f.c_str(), s.name, n, sub, sl, d, dl, 5, s.option); break;
     case kFastFP: r = saveFastYAXDataToFP(fp, s.name, n, sub, sl, d, dl, 5, s.option); break;
+    case kMp4: r = saveYAXDataToFPToMP4(fp, s.name, n, sub, sl, d, dl, 5, s.option); break;
     }
     if (fp != nullptr) _qfclose(fp);
     return r;
@@ -64,13 +65,14 @@ int saveStreamed(const std::string &f, const Step &s, const std::string &payload
     const auto n = uint32_t(strlen(s.name)), sl = uint32_t(strlen(s.sub));
     const void *sub = sl != 0 ? s.sub : nullptr;
     const char *p = payload.c_str();
-    FILE *fp = s.how == kFP || s.how == kFastFP ? _qfopen(f.c_str(), "r+b") : nullptr;
+    FILE *fp = s.how != kPath && s.how != kFast ? _qfopen(f.c_str(), "r+b") : nullptr;
     int r = 0;
     switch (s.how) {
     case kPath: r = saveYAXFileDataToFile(f.c_str(), s.name, n, sub, sl, p, 5, s.option); break;
     case kFP: r = saveYAXFileDataToFP(fp, s.name, n, sub, sl, p, 5, s.option); break;
     case kFast: r = saveFastYAXDataFileToFile(f.c_str(), s.name, n, sub, sl, p, 5, s.option); break;
     case kFastFP: r = saveFastYAXNameToFP(fp, s.name, n, sub, sl, p, 5, s.option); break;
+    case kMp4: r = saveYAXDataFileToFPToMP4(fp, s.name, n, sub, sl, p, 5, s.option); break;
     }
     if (fp != nullptr) _qfclose(fp);
     return r;
@@ -88,6 +90,13 @@ const std::vector<Step> kSequence = {
     {kPath, "a", "", 0, 0},         {kFast, "b", "", 0, 0},
 };
 
+// MP4 saves: the first makes the box, later ones keep it sized (or wrap an
+// unboxed trailer); replaces, sub-information, a one-byte entry, a refusal.
+const std::vector<Step> kMp4Sequence = {
+    {kMp4, "a", "", 0, 0}, {kMp4, "b", "si", 0, 0}, {kMp4, "a", "", 1, -7},
+    {kMp4, "one", "", 0, -1000000000}, {kMp4, "b", "", 1, 1}, {kMp4, "a", "", 0, 0},
+};
+
 class Streamed : public ApiTest, public ::testing::WithParamInterface<int> {
 protected:
     void SetUp() override { yaxSetSafeEdit(GetParam()); }
@@ -95,13 +104,14 @@ protected:
 
     // Runs the sequence for payloads of `size` bytes on two copies of
     // `start`, from memory and from a file, comparing after every step.
-    void sameAsInMemory(const Bytes &start, int64_t size, size_t steps = kSequence.size()) {
+    void sameAsInMemory(const Bytes &start, int64_t size, size_t steps = kSequence.size(),
+                        const std::vector<Step> &sequence = kSequence) {
         const std::string mem = dir.path("mem.jpg"), payload = dir.path("payload.bin");
         tu::writeFile(mem, start);
         put(start);
         uint8_t seed = 1;
         for (size_t i = 0; i < steps; ++i) {
-            const Step &s = kSequence[i];
+            const Step &s = sequence[i];
             SCOPED_TRACE(std::string(s.name) + " flavour " + std::to_string(s.how) + " size " +
                          std::to_string(size + s.delta));
             const Bytes data = pattern(size_t(std::max<int64_t>(1, size + s.delta)), seed++);
@@ -127,6 +137,12 @@ TEST_P(Streamed, SameBytesResultsAndLinesAsFromMemoryAtEveryChunkBoundary) {
     // legacy audio is converted first, on both paths
     const uint32_t p = u32size(host());
     sameAsInMemory(host() + tb::bytes("snd") + vono1(p, p + 3), 100);
+    // into a video (box made, then kept sized) and around an unboxed trailer
+    const Bytes video = tu::readFile(std::string(YAX_TEST_DATA) + "/sample.mp4");
+    for (int64_t size : {int64_t{1}, int64_t{kChunk + 1}}) {
+        sameAsInMemory(video, size, kMp4Sequence.size(), kMp4Sequence);
+        sameAsInMemory(host() + tb::trailer({Entry{1, "z", "x", ""}}), size, kMp4Sequence.size(), kMp4Sequence);
+    }
 }
 
 // An empty payload file and a missing one are refused alike, and the target
@@ -142,7 +158,7 @@ TEST_P(Streamed, EmptyMissingAndSelfPayloads) {
         EXPECT_EQ(saveStreamed(file, Step{how, "e", "", 0, 0}, dir.path("none")), 0);
     }
     EXPECT_EQ(now(), before);
-    for (Flavour how : {kPath, kFP, kFast, kFastFP}) {
+    for (Flavour how : {kPath, kFP, kFast, kFastFP, kMp4}) {
         const Bytes was = now();
         const std::string name = "self" + std::to_string(how);
         ASSERT_EQ(saveStreamed(file, Step{how, name.c_str(), "", 0, 0}, file), 1);

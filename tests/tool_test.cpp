@@ -238,7 +238,118 @@ TEST_F(ToolTest, LegacyAudioAndTonePhoto) {
     EXPECT_EQ(yax({"list", image}),
               ok("0\tTonePhoto_000\t256\t40\t0\t" + at(21) + "\ttonephoto-sound\n" +
                  "1\tTonePhoto_Meta_Info\t2048\t29\t0\t" + at(88) + "\ttonephoto-list\n" +
-                 "2\tnote\t5\t2\t0\t" + at(129) + "\naudio0\t-\t-\t40\t-\t" + at(21) + "\tlegacy-audio\n"));
+                 "2\tnote\t5\t2\t0\t" + at(129) + "\nsound0\tTonePhoto_000\t-\t40\t-\t" + at(21) +
+                 "\tsound\naudio0\t-\t-\t40\t-\t" + at(21) + "\tlegacy-audio\n"));
+}
+
+// yax sound on JPEGs: add, list in the name list's order, get, rm (the
+// library's delete would drop the wrong name), clear keeping other entries;
+// each step checked byte for byte, the image decoding throughout.
+TEST_F(ToolTest, SoundsOnImages) {
+    const auto P = static_cast<uint32_t>(jpeg.size());
+    auto snd = [](const std::string &n, const std::string &d) { return Entry{256, n, d, ""}; };
+    auto list = [](const Strings &names) {
+        return Entry{2048, "TonePhoto_Meta_Info", text(tb::toneList(names)), ""};
+    };
+    const Entry r = snd("r", "R"), s = snd("s", "SS"), note{1, "note", "n", ""};
+    auto decodes = [&] { return std::system(("djpeg -outfile /dev/null '" + image + "' 2>/dev/null").c_str()) == 0; };
+    const std::string sep = "\t";
+    const struct {
+        Strings command;
+        std::string input;
+        Bytes want;
+        std::string err;
+    } steps[] = {
+        {{"sound", "add", image, "r", "-"}, "R", jpeg + tb::trailer({r, list({"r"})}) + tb::vonoBlock({{P + 9, P + 10}}), ""},
+        {{"put", image, "note", "-"}, "n",
+         jpeg + tb::trailer({r, list({"r"}), note}) + tb::vonoBlock({{P + 9, P + 10}}), ""},
+        {{"sound", "add", image, "s", "-"}, "SS",
+         jpeg + tb::trailer({r, note, list({"r", "s"}), s}) + tb::vonoBlock({{P + 9, P + 10}}), ""},
+        // "r" goes to the end of the list first; the end record stays on "r"'s bytes... which go:
+        // it is aimed at "s" afterwards
+        {{"sound", "rm", image, "r"}, "", {}, "moving 'r' to the end"},
+        {{"sound", "clear", image}, "", jpeg + tb::trailer({note}), "keeping the other entries"},
+        {{"rm", image, "note"}, "", jpeg, ""},
+    };
+    for (const auto &st : steps) {
+        SCOPED_TRACE(st.command[0] + " " + st.command[1] + " step " + std::to_string(&st - steps));
+        const auto [code, out, err] = yax(st.command, st.input);
+        EXPECT_EQ(code, 0);
+        EXPECT_EQ(out, "");
+        EXPECT_EQ(err.find(st.err) != std::string::npos, true) << err;
+        if (!st.want.empty()) {
+            EXPECT_EQ(tu::readFile(image), st.want);
+        }
+        EXPECT_TRUE(decodes());
+        if (&st - steps == 2) {
+            EXPECT_EQ(yax({"sound", "get", image, "s"}), ok("SS"));
+            const std::string listing = std::get<1>(yax({"list", image}));
+            EXPECT_NE(listing.find("sound0\tr\t-\t1\t-\t" + at(9) + "\tsound\nsound1\ts\t-\t2\t-\t"), std::string::npos)
+                << listing;
+        }
+        if (&st - steps == 3) {
+            const Bytes b = tu::readFile(image);
+            const uint32_t at_s = P + tb::blockLength(note) + 9;  // "s" now follows "note"
+            EXPECT_EQ(b, jpeg + tb::trailer({note, s, list({"s"})}) + tb::vonoBlock({{at_s, at_s + 2}}));
+            EXPECT_NE(err.find("now points at 's'"), std::string::npos) << err;
+            EXPECT_EQ(yax({"sound", "get", image, "audio0"}), ok("SS"));
+        }
+    }
+    // clearing sounds alone gives the bare image back; a legacy sound is audio0
+    ASSERT_EQ(std::get<0>(yax({"sound", "add", image, "r", "-"}, "R")), 0);
+    EXPECT_EQ(yax({"sound", "clear", image}), ok());
+    EXPECT_EQ(tu::readFile(image), jpeg);
+    const Bytes legacy = jpeg + tb::bytes("old") + tb::vonoBlock({{P, P + 3}});
+    tu::writeFile(image, legacy);
+    EXPECT_EQ(yax({"sound", "get", image, "audio0", "-o", dir.path("a.raw")}), ok());
+    EXPECT_EQ(text(tu::readFile(dir.path("a.raw"))), "old");
+    std::remove(dir.path("a.raw").c_str());
+    // adding to it turns the legacy sound into "TonePhoto_000"
+    EXPECT_EQ(yax({"sound", "add", image, "x", "-"}, "X"), ok());
+    const Entry t0{256, "TonePhoto_000", "old", ""};
+    EXPECT_EQ(tu::readFile(image), jpeg + tb::trailer({t0, list({"TonePhoto_000", "x"}), snd("x", "X")}) +
+                                       tb::vonoBlock({{P + 21, P + 24}}));
+    EXPECT_EQ(yax({"sound", "rm", image, "x"}), ok());
+    EXPECT_EQ(tu::readFile(image), jpeg + tb::trailer({t0, list({"TonePhoto_000"})}) + tb::vonoBlock({{P + 21, P + 24}}));
+
+    // what an add that stopped part way leaves: an unlisted sound entry is
+    // taken over, a listed name without an entry comes off the list
+    tu::writeFile(image, jpeg + tb::trailer({snd("r", "old")}));
+    EXPECT_EQ(yax({"sound", "add", image, "r", "-"}, "R"), ok());
+    EXPECT_EQ(tu::readFile(image), jpeg + tb::trailer({r, list({"r"})}) + tb::vonoBlock({{P + 9, P + 10}}));
+    tu::writeFile(image, jpeg + tb::trailer({r, list({"r", "ghost"})}));
+    EXPECT_EQ(yax({"list", image}), ok("0\tr\t256\t1\t0\t" + at(9) + "\ttonephoto-sound\n1\tTonePhoto_Meta_Info\t2048\t" +
+                                       "26\t0\t" + at(37) + "\ttonephoto-list\nsound0\tr\t-\t1\t-\t" + at(9) +
+                                       "\tsound\nsound1\tghost\t-\t-\t-\t-\tmissing-sound\n"));
+    EXPECT_EQ(std::get<0>(yax({"sound", "rm", image, "ghost"})), 0);
+    EXPECT_EQ(tu::readFile(image), jpeg + tb::trailer({r, list({"r"})}));
+
+    // refusals: one line, exit 1, the file untouched
+    tu::writeFile(image, legacy);
+    EXPECT_EQ(yax({"sound", "add", image, "TonePhoto_000", "-"}, "z"),
+              failed(image + ": the legacy sound becomes 'TonePhoto_000' as it is converted; pick another name"));
+    EXPECT_EQ(tu::readFile(image), legacy);
+    ASSERT_EQ(std::get<0>(yax({"put", image, "note", "-"}, "n")), 0);
+    const Bytes kept = tu::readFile(image);
+    const std::string empty = dir.path("empty.wav");
+    tu::writeFile(empty, {});
+    for (const auto &[command, message] : std::vector<std::pair<Strings, std::string>>{
+             {{"sound", "add", image, "note", "-"}, image + ": an entry named 'note' exists and is not a sound; remove it first"},
+             {{"sound", "add", image, "TonePhoto_Meta_Info", "-"}, "'TonePhoto_Meta_Info' is reserved; pick another"},
+             {{"sound", "add", image, "", "-"}, "the sound name is empty"},
+             {{"sound", "add", image, "e", empty}, "the sound is empty"},
+             {{"sound", "rm", image, "note"}, image + ": no sound named 'note'"},
+             {{"sound", "get", image, "audio9"}, image + ": no sound named 'audio9'"},
+             {{"sound", "add", dir.path("none.jpg"), "a", "-"}, ""},
+         }) {
+        const auto [code, out, err] = yax(command, "z");
+        EXPECT_EQ(code, 1) << message;
+        if (!message.empty()) {
+            EXPECT_EQ(err, "yax: " + message + "\n");
+        }
+        EXPECT_EQ(tu::readFile(image), kept) << message;
+    }
+    EXPECT_EQ(std::get<0>(yax({"sound"})), 2);
 }
 
 // Edits whose result the library could not read back are refused beforehand
@@ -371,6 +482,7 @@ TEST_F(ToolTest, Mp4EditsKeepOneSizedBoxAndTheVideo) {
     };
     const std::string before = probe();
     const Entry a{1, "a", "x", ""}, b{1, "b", "payload-b", ""}, a2{1, "a", std::string(40, 'y'), ""};
+    const Entry snd{256, "s", "S", ""}, sndList{2048, "TonePhoto_Meta_Info", text(tb::toneList({"s"})), ""};
     auto box = [&](const std::vector<Entry> &entries) {
         const Bytes t = tb::trailer(entries);
         return clip + Builder().u32be(uint32_t(t.size() + 8)).str("yaxd").done() + t;
@@ -394,6 +506,9 @@ TEST_F(ToolTest, Mp4EditsKeepOneSizedBoxAndTheVideo) {
         {{"clear", video}, "", clip, ""},
         {{"put", video, "a", "-"}, a.payload, box({a}), ""},
         {{"rm", video, "a"}, "", clip, ""},
+        // a sound and its list through the MP4 save, then gone again
+        {{"sound", "add", video, "s", "-"}, "S", box({snd, sndList}), ""},
+        {{"sound", "rm", video, "s"}, "", clip, ""},
     };
     for (const auto &s : steps) {
         SCOPED_TRACE(s.command[0] + " step " + std::to_string(&s - steps));

@@ -7,6 +7,7 @@
 //   yax rm    FILE NAME... [--fast]
 //   yax clear FILE [--fast]
 //   yax check FILE [--json]
+//   yax sound add|get|rm|clear ...    (tools/cmd_sound.cpp)
 //
 // Results go to standard output, one-line errors to standard error. The
 // library prints its own log lines on standard output; they never reach the
@@ -16,11 +17,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <optional>
 #include <set>
@@ -329,6 +332,15 @@ std::optional<std::string> readContents(const std::string &path, Contents &c) {
             c.tonePhoto.emplace_back(yd->tonephoto_name_list[i]);
             tone.insert(c.tonePhoto.back());
         }
+        // A list that names sounds but gave none was not read (short memory):
+        // an edit must not take it for an empty one.
+        bool hasList = false;
+        for (uint32_t i = 0; i < yd->count; ++i)
+            hasList = hasList || (yd->YAX_name_list[i] != nullptr && std::strcmp(yd->YAX_name_list[i], kToneListName) == 0);
+        if (hasList && c.tonePhoto.empty() && getVonoCntInFile(yd) != 0) {
+            destroyYAXDATA(yd);
+            return path + ": the sound name list cannot be read";
+        }
         YaxInfo *info = yd->yax_info;
         if (c.mp4 && info->fp != nullptr && checkSignatureMP4Tag(info) == 1) {
             unsigned char size[4];
@@ -443,6 +455,13 @@ std::string escaped(const std::string &s) {
     return out;
 }
 
+const Entry *findEntry(const Contents &c, const std::string &name) {
+    // The library's lookup: exact match, the first entry of a name wins.
+    for (const Entry &e : c.entries)
+        if (e.name == name) return &e;
+    return nullptr;
+}
+
 std::string listText(const Contents &c) {
     std::string out;
     for (const Entry &e : c.entries) {
@@ -456,6 +475,14 @@ std::string listText(const Contents &c) {
         std::string kind = e.readable ? e.kind : "damaged";
         if (!kind.empty()) out += "\t" + kind;
         out += "\n";
+    }
+    // The sounds in the name list's order, as "yax sound" names them.
+    for (size_t k = 0; k < c.tonePhoto.size(); ++k) {
+        const Entry *e = findEntry(c, c.tonePhoto[k]);
+        out += "sound" + std::to_string(k) + "\t" + escaped(c.tonePhoto[k]) + "\t-\t";
+        out += e != nullptr && e->readable
+                   ? std::to_string(e->length) + "\t-\t" + std::to_string(e->offset) + "\tsound\n"
+                   : "-\t-\t-\tmissing-sound\n";
     }
     for (const Sound &s : c.legacy)
         out += "audio" + std::to_string(s.index) + "\t-\t-\t" + std::to_string(s.length) + "\t-\t" +
@@ -562,12 +589,6 @@ bool fastIsSafe(const std::string &path) {
 // ---------------------------------------------------------------------------
 // get
 
-const Entry *findEntry(const Contents &c, const std::string &name) {
-    // The library's lookup: exact match, the first entry of a name wins.
-    for (const Entry &e : c.entries)
-        if (e.name == name) return &e;
-    return nullptr;
-}
 
 // Streams the payload or sub-information of `e` to `out` through the library
 // (in large chunks, never the whole payload at once). The library runs with
@@ -598,6 +619,11 @@ std::optional<std::string> extract(const std::string &path, const Entry &e, bool
     return std::nullopt;
 }
 
+// Writes what `produce` puts on a stream to standard output, or to
+// `outPath` through a temporary file beside it.
+using Producer = std::function<std::optional<std::string>(FILE *)>;
+int writeOutput(const std::string &outPath, const Producer &produce);
+
 int cmdGet(const std::string &path, const std::string &name, const std::string &outPath,
            bool subInfo) {
     FileLock lock;
@@ -609,8 +635,12 @@ int cmdGet(const std::string &path, const std::string &name, const std::string &
     if (subInfo && !e->hasSubInfo)
         return fail(path + ": entry " + quoted(name) + " has no sub-information");
     if (!e->readable) return fail(path + ": entry " + quoted(name) + " is damaged and cannot be read");
+    return writeOutput(outPath, [&](FILE *out) { return extract(path, *e, subInfo, out); });
+}
+
+int writeOutput(const std::string &outPath, const Producer &produce) {
     if (outPath.empty() || outPath == "-") {
-        if (auto why = extract(path, *e, subInfo, stdout)) return fail(*why);
+        if (auto why = produce(stdout)) return fail(*why);
         if (std::fflush(stdout) != 0)
             return fail(std::string("cannot write the output: ") + std::strerror(errno));
         return kOk;
@@ -627,7 +657,7 @@ int cmdGet(const std::string &path, const std::string &name, const std::string &
         close(fd);
         error = "cannot create " + outPath + ": " + std::strerror(errno);
     } else {
-        error = extract(path, *e, subInfo, out);
+        error = produce(out);
         if (std::fclose(out) != 0 && !error)
             error = "cannot write " + outPath + ": " + std::strerror(errno);
     }
@@ -930,6 +960,8 @@ int cmdClear(const std::string &path, bool fast) {
 
 }  // namespace
 
+#include "cmd_sound.cpp"
+
 int main(int argc, char **argv) {
     CLI::App app{"yax: list, extract, store and remove the named entries kept behind JPEG and "
                  "MP4 files."};
@@ -947,8 +979,9 @@ int main(int argc, char **argv) {
     CLI::App *list = app.add_subcommand(
         "list", "List the entries of FILE, one per line, tab-separated: index, name, data type, "
                 "payload length, sub-information length, absolute payload offset, and a kind for "
-                "special entries (filler, tonephoto-sound, tonephoto-list, damaged). Sounds of a "
-                "legacy audio block follow as audioN lines (kind legacy-audio); in an MP4 file whose "
+                "special entries (filler, tonephoto-sound, tonephoto-list, damaged). The sounds "
+                "of the name list follow in its order as soundK lines (kind sound, or missing-sound "
+                "when the list names no stored entry), then the sounds of a legacy audio block as audioN lines (kind legacy-audio); in an MP4 file whose "
                 "entries sit in a \"yaxd\" box, a last line gives the box's stored size and offset "
                 "(kind mp4-box).");
     list->add_option("FILE", file, "Image or video file")->required();
@@ -993,6 +1026,8 @@ int main(int argc, char **argv) {
     check->add_option("FILE", file, "Image or video file")->required();
     check->add_flag("--json", json, "Print one JSON document instead");
 
+    const SoundCommands sound(app);
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp &e) {
@@ -1017,6 +1052,7 @@ int main(int argc, char **argv) {
         if (rm->parsed()) return cmdRemove(file, names, fast);
         if (clear->parsed()) return cmdClear(file, fast);
         if (check->parsed()) return cmdCheck(file, json);
+        if (auto r = sound.run()) return *r;
     } catch (const std::bad_alloc &) {
         return fail("out of memory");
     }

@@ -5,14 +5,21 @@
 // Name-list payload: word0, word1, N, N name lengths, the names back to back.
 // A payload built from scratch starts with 1, 0; an edited one keeps the two
 // words it was read with.
+#include <unistd.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <vector>
 
 #include "container/layout.hpp"
+#include "container/validate.hpp"
 #include "support/bytes.hpp"
+#include "support/gather.hpp"
 #include "support/io.hpp"
 #include "support/misrouted_write.hpp"
+#include "support/safe_file.hpp"
+#include "vono/tone_set.hpp"
 #include "vono/tonephoto_payload.hpp"
 #include "yax_container.h"
 #include "yax_support.h"
@@ -49,25 +56,6 @@ static_assert(kFirstSoundNameLength == L::kToneFirstName.size());
 // The converters build their first list in a buffer of this size.
 constexpr size_t kFirstListBuffer = 1000;
 
-// The two rows that close a sound + list pair: the sound block sits
-// sound + list bytes before the header, the list block right in front of it.
-struct PairRows {
-    YaxEntry sound{};
-    YaxEntry list{};
-};
-
-PairRows pairRows(uint32_t meta_type, uint32_t sound_type, uint32_t sound_len,
-                  uint32_t list_len) {
-    PairRows r;
-    r.sound.meta_type = _setMetaType(sound_type, 0);
-    r.sound.offset = sound_len + list_len;
-    r.sound.length = sound_len;
-    r.list.meta_type = _setMetaType(meta_type, 0);
-    r.list.offset = list_len;
-    r.list.length = list_len;
-    return r;
-}
-
 // A sound + list pair as the two unchecked adds write it: the sound block, the
 // list block, a header holding the `old_count` rows of `old_rows` and the two
 // new rows, the tail, and the Vono block pointing at the new sound's bytes.
@@ -83,7 +71,6 @@ struct SoundAndList {
 
     uint32_t soundLength() const { return _getDataLength(0, name_len, 0, data_len); }
     uint32_t listLength() const { return _getDataLength(0, kMetaNameLength, 0, meta_len); }
-    uint32_t soundStart(uint32_t at) const { return at + L::kBlockFixed + name_len; }
 };
 
 // A listed table: every row present.
@@ -98,20 +85,56 @@ bool tableComplete(const YaxInfo *info) {
 
 void writeUnchecked(FILE *fp, uint32_t at, const SoundAndList &a, YaxEntry *const *old_rows,
                     uint32_t old_count) {
-    PairRows rows = pairRows(a.meta_type, a.sound_type, a.soundLength(), a.listLength());
-    _writeDataTagInfo(fp, a.sound_type, 0, a.name, a.name_len, nullptr, 0);
-    _qfwrite(a.data, a.data_len, fp);
-    _writeDataTagInfo(fp, a.meta_type, 0, kMetaName, kMetaNameLength, nullptr, 0);
-    _qfwrite(a.meta, a.meta_len, fp);
-    _writeYAX_QTSS(fp);
-    _writeYAX_QVER(fp);
-    _writeYAX_QCnt(fp, old_count + 2);
-    for (uint32_t i = 0; i < old_count; ++i) _writeYAX_QDR(fp, old_rows[i]);
-    _writeYAX_QDR(fp, &rows.sound);
-    _writeYAX_QDR(fp, &rows.list);
-    _writeYAX_QTHO(fp, old_count + 2);
-    _writeYAX_QTS(fp);
-    _writeVonoHeader(fp, a.soundStart(at), a.soundStart(at) + a.data_len);
+    const yax::tone::SetBlock blocks[] = {{a.sound_type, a.name, a.name_len, a.data_len},
+                                          {a.meta_type, kMetaName, kMetaNameLength, a.meta_len}};
+    const yax::tone::SetCheck unchecked{nullptr};
+    auto blocksOut = [&] {
+        yax::tone::writeSetBlocks(fp, blocks, 1, unchecked, [&](uint32_t i) {
+            return i == 0 ? _qfwrite(a.data, a.data_len, fp) != -1 : _qfwrite(a.meta, a.meta_len, fp) != -1;
+        });
+    };
+    auto tableOut = [&] { yax::tone::writeSetTable(fp, at, blocks, 1, old_rows, old_count, unchecked); };
+    auto inOrder = [&] {
+        _qlseek64(fp, at, SEEK_SET);
+        blocksOut();
+        tableOut();
+    };
+    // Over an existing trailer the same bytes go out in an order that an
+    // interruption cannot turn into a file without one, as the adds do:
+    // blocks that end inside the old trailer go out with the table in one
+    // write; longer ones follow a table written (in one write, flushed)
+    // beyond the old end, whose old rows still point at their blocks, and a
+    // failed block write puts the old bytes and length back.
+    const int fd = fileno(fp);
+    const int64_t end = old_count == 0 ? -1 : ::lseek64(fd, 0, SEEK_END);
+    const uint64_t total = uint64_t{blocks[0].length()} + blocks[1].length();
+    if (end < int64_t{at}) return inOrder();
+    if (at + total < uint64_t(end)) {
+        yax::writeAtOnce(fp, [&] {
+            inOrder();
+            return 0;
+        });
+        return;
+    }
+    std::vector<unsigned char> old(static_cast<size_t>(end - at));
+    bool sent = ::pread64(fd, old.data(), old.size(), at) == static_cast<ssize_t>(old.size());
+    if (sent) {
+        yax::WriteGather gather(fp);
+        _qlseek64(fp, static_cast<int64_t>(at + total), SEEK_SET);
+        tableOut();
+        sent = gather.send();
+    }
+    if (!sent) return inOrder();
+    fdatasync(fd);  // the new table reaches the disk before the old one is overwritten
+    const int64_t new_end = _qlseek64(fp, 0, SEEK_END);
+    const uint64_t failures = yax::ioFailures();
+    _qlseek64(fp, at, SEEK_SET);
+    blocksOut();
+    if (yax::ioFailures() != failures &&
+        (::pwrite64(fd, old.data(), old.size(), at) != static_cast<ssize_t>(old.size()) ||
+         ::ftruncate64(fd, end) != 0))
+        yax::noteIoFailure();
+    _qlseek64(fp, new_end, SEEK_SET);
 }
 
 // The name list entry read from a parsed trailer, with its length.
@@ -349,29 +372,14 @@ YAX_EXPORT int NewAddVonoDataInFirstTimeFP(FILE *fp, uint32_t meta_type, uint32_
     if (end <= 0) return fail("File Search Error");
     const auto image_end = static_cast<uint32_t>(end);
 
-    const uint32_t sound_len = _getDataLength(0, name_len, 0, data_len);
-    const uint32_t list_len = _getDataLength(0, kMetaNameLength, 0, meta_len);
-    PairRows rows = pairRows(meta_type, sound_type, sound_len, list_len);
-    constexpr int kFailed = -1;
-
-    if (_writeDataTagInfo(fp, sound_type, 0, name, name_len, nullptr, 0) == 0)
-        return fail("File _writeDataTagInfo Error");
+    const yax::tone::SetBlock blocks[] = {{sound_type, name, name_len, data_len},
+                                          {meta_type, kMetaName, kMetaNameLength, meta_len}};
     // A payload write is taken as failed only when it reports 0 bytes.
-    if (_qfwrite(data, data_len, fp) == 0) return fail("File _qfwrite Error");
-    if (_writeDataTagInfo(fp, meta_type, 0, kMetaName, kMetaNameLength, nullptr, 0) == 0)
-        return fail("File _writeDataTagInfo Error");
-    if (_qfwrite(meta, meta_len, fp) == 0) return fail("File _qfwrite Error");
-    if (_writeYAX_QTSS(fp) == kFailed) return fail("File _writeYAX_QTSS Error");
-    if (_writeYAX_QVER(fp) == kFailed) return fail("File _writeYAX_QVER Error");
-    if (_writeYAX_QCnt(fp, 2) == kFailed) return fail("File _writeYAX_QCnt Error");
-    if (_writeYAX_QDR(fp, &rows.sound) == kFailed) return fail("File _writeYAX_QDR Error");
-    if (_writeYAX_QDR(fp, &rows.list) == kFailed) return fail("File _writeYAX_QDR Error");
-    if (_writeYAX_QTHO(fp, 2) == kFailed) return fail("File _writeYAX_QTHO Error");
-    if (_writeYAX_QTS(fp) == kFailed) return fail("File _writeYAX_QTS Error");
-    const uint32_t start = image_end + L::kBlockFixed + name_len;
-    if (_writeVonoHeader(fp, start, start + data_len) == 0)
-        return fail("File _writeVonoHeader Error");
-    return 1;
+    return yax::tone::writeToneSet(fp, image_end, blocks, 1, nullptr, 0, kFirstFpTag,
+                                   [&](uint32_t i) {
+                                       return i == 0 ? _qfwrite(data, data_len, fp) != 0
+                                                     : _qfwrite(meta, meta_len, fp) != 0;
+                                   });
 }
 
 YAX_EXPORT int NewAddVonoData(YaxInfo *info, uint32_t meta_type, uint32_t sound_type,
@@ -401,6 +409,10 @@ YAX_EXPORT int NewAddVonoData(YaxInfo *info, uint32_t meta_type, uint32_t sound_
         YAXLogE(kAddTag, "yax_info NULL");
         return 0;
     }
+    // The new blocks go over the header: no block may reach into it.
+    if (info->meta_count != 0 &&
+        !yax::trailerEditable(info, info->file_size, yax::kNeedRowsInside, 0, kAddTag))
+        return 0;
     FILE *fp = info->fp;
     // The new blocks start where "YAXH" was: the old header, tail and any
     // Vono block behind them are overwritten by longer content.

@@ -142,13 +142,14 @@ YAX_EXPORT int isIdenticalNameInMetaInfo(YAXDATA_UNIT *meta, const char *name) {
     ListView view;
     if (name == nullptr || !openUnit(meta, view) || view.count == 0) return 0;
     int found = 0;
+    const size_t wanted = std::strlen(name);
     yax::tone::forEachName(view, [&](uint32_t, const char *listed, uint32_t len) {
         // Compared as zero-terminated strings: a listed name holding a zero
-        // byte is cut there, as every other name comparison does.
-        char *copy = yax::tone::copyName(listed, len);
-        if (copy == nullptr) return true;
-        if (std::strcmp(copy, name) == 0) found = 1;
-        _qfree(copy);
+        // byte is cut there, as every other name comparison does. Compared
+        // in place, so that a short memory never turns a listed name into
+        // an unlisted one.
+        const size_t cut = strnlen(listed, len);
+        if (cut == wanted && std::memcmp(listed, name, cut) == 0) found = 1;
         return found == 0;
     });
     return found;

@@ -15,10 +15,11 @@
 
 #include "fuzz/edit_invariant.hpp"
 #include "fuzz/fuzz_common.hpp"
+#include "yax_vono.h"
 
 namespace {
 
-enum Kind { kDeleteName, kDeleteMulti, kDeleteAll, kFastDelete, kSave, kFastSave };
+enum Kind { kDeleteName, kDeleteMulti, kDeleteAll, kFastDelete, kSave, kFastSave, kSound };
 
 #ifndef YAX_FUZZ_EDIT
 #error "YAX_FUZZ_EDIT names the edit kind"
@@ -27,7 +28,7 @@ constexpr Kind kKind = YAX_FUZZ_EDIT;
 
 const char *kindName() {
     static const char *names[] = {"delete_name", "delete_multi", "delete_all",
-                                  "fast_delete", "save", "fast_save"};
+                                  "fast_delete", "save", "fast_save", "sound"};
     return names[kKind];
 }
 
@@ -42,6 +43,52 @@ std::vector<uint32_t> rowOf(const inv::Listing &l, const std::string &name) {
     for (uint32_t i = 0; i < l.names.size(); ++i)
         if (l.names[i] == name) return {i};
     return {};
+}
+
+const char kToneList[] = "TonePhoto_Meta_Info";
+
+// The sound edits: save a sound, delete one or all, copy the set out. The
+// name list may be rewritten by any of them, so its row counts as targeted;
+// a save is several steps (a failed later step may keep an earlier one).
+int soundEdit(const std::string &path, const inv::Listing &listed, uint8_t a, uint8_t b,
+              std::vector<uint32_t> &targets, inv::Item &added, uint64_t &grow, bool &partial,
+              const inv::Bytes &before) {
+    const std::string name = (a & 0x40) ? pick(listed, a) : std::string(1 + (a & 3), 's');
+    targets = rowOf(listed, name);
+    for (uint32_t t : rowOf(listed, kToneList)) targets.push_back(t);
+    partial = true;
+    switch (a % 4 == 3 ? 3 : (a >> 4) % 3) {
+    case 0: {
+        const int sig = getSignature(path.c_str());
+        added = {name, 256, "", std::string(1 + (b >> 3), 'p')};
+        grow = 2 * before.size() + 4096;  // a legacy sound becomes entries first
+        const int r = saveVonoToImageFile(path.c_str(), added.payload.data(), uint32_t(added.payload.size()),
+                                          name.data(), uint32_t(name.size()));
+        // an unknown ending reports 1 with nothing done; a filler's name is not compared
+        if (r != 1 || sig < SIGNATURE_NONE || sig > SIGNATURE_VONO_YAX || name == "Invalid_Data")
+            added.name.clear();
+        return r;
+    }
+    case 1:
+        return deleteVonoFromImageFile(path.c_str(), name.c_str());
+    case 2:
+        for (uint32_t i = 0; i < listed.names.size(); ++i) targets.push_back(i);
+        return deleteAllVonoFromImageFile(path.c_str());
+    default: {
+        // the source stays as it is; the copy lands behind a bare image
+        targets.clear();
+        partial = false;
+        const std::string dst = path + ".dst";
+        const inv::Bytes image(64 + (b & 15), 0x55);
+        inv::spill(dst, image.data(), image.size());
+        const int r = copyTonePhotoData(path.c_str(), dst.c_str());
+        const inv::Bytes out = inv::slurp(dst);
+        if (r == 1 ? !inv::libraryListing(dst).listed : out != image)
+            fz::fail("sound", r == 1 ? "the copy does not parse" : "a refused copy changed its destination", before);
+        std::remove(dst.c_str());
+        return 1;
+    }
+    }
 }
 
 bool fastKind(int variant) {
@@ -59,6 +106,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const inv::Listing listed = inv::libraryListing(path);
 
     int result = 0, variant = 0;
+    bool partial = false;
     std::vector<uint32_t> targets;
     inv::Item added;
     uint64_t grow = 64;  // a delete may write a legacy end record anew (30 bytes)
@@ -140,6 +188,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         if (result != 1) added.name.clear();
         break;
     }
+    case kSound:
+        result = soundEdit(path, listed, a, b, targets, added, grow, partial, before);
+        break;
     }
     const inv::Bytes after = inv::slurp(path);
     if (std::getenv("YAX_FUZZ_VERBOSE") != nullptr)
@@ -149,7 +200,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     // the documented fast edits misplace the end of the trailer.
     if (fastKind(variant) && inv::frame(before).stale()) return 0;
     // A replace whose add fails after its delete keeps the delete (documented).
-    const bool partial = (kKind == kSave || kKind == kFastSave) && !targets.empty();
+    partial = partial || ((kKind == kSave || kKind == kFastSave) && !targets.empty());
     const inv::Verdict v = inv::check(before, after, listed, inv::listingAfter(path, after), result,
                                       targets, added, grow, partial);
     if (!v) fz::fail(kindName(), v.fault.c_str(), before);

@@ -39,6 +39,11 @@ std::vector<std::pair<std::string, Bytes>> files() {
                                      {2048, "TonePhoto_Meta_Info", std::string(list.begin(), list.end()), ""}};
     const uint32_t sound = uint32_t(kImage.size() + 8 + 13 + 8);
     f.push_back({"tone", kImage + tb::trailer(tone) + tb::vonoBlock({{sound, sound + 10}})});
+    // two sounds and a user entry between them, the end record on the first
+    const Bytes two = tb::toneList({"TonePhoto_000", "b"});
+    const std::vector<Entry> sounds = {tone[0], {1, "k", "K", ""}, {256, "b", "BB", ""},
+                                       {2048, "TonePhoto_Meta_Info", std::string(two.begin(), two.end()), ""}};
+    f.push_back({"tone2", kImage + tb::trailer(sounds) + tb::vonoBlock({{sound, sound + 10}})});
     f.push_back({"legacy", kImage + tb::bytes("soundbytes") +
                                tb::vonoBlock({{uint32_t(kImage.size()), uint32_t(kImage.size() + 10)}})});
     Bytes mp4 = tb::Builder().u32be(24).str("ftypisom").zeros(12).done();
@@ -96,7 +101,7 @@ int main(int argc, char **argv) {
     }
     const std::string dir = argv[1];
     const char *targets[] = {"read", "delete_name", "delete_multi", "delete_all",
-                             "fast_delete", "save", "fast_save"};
+                             "fast_delete", "save", "fast_save", "sound"};
     const std::pair<uint8_t, uint8_t> selectors[] = {{0, 0}, {1, 3}, {2, 1}, {0x41, 0x88}, {0xC1, 0x19}};
     mkdir(dir.c_str(), 0755);
     for (const char *t : targets) {
