@@ -19,11 +19,6 @@
 #include "include/yax_vono.h"
 #include "jni/yax_jni_common.hpp"
 
-#define YAXJNI_FN(type, name) \
-    extern "C" JNIEXPORT YAX_EXPORT type JNICALL Java_com_kalvora_android_media_YAXJNI_##name
-#define VONOJNI_FN(type, name) \
-    extern "C" JNIEXPORT YAX_EXPORT type JNICALL Java_com_kalvora_android_media_VonoJNI_##name
-
 namespace {
 
 constexpr jint kVersion = 105;

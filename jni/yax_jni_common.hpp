@@ -7,7 +7,14 @@
 
 #include <cstring>
 
+#include "include/yax_export.h"
 #include "include/yax_support.h"
+
+// Exported under the JNI names; kept visible under the hidden default.
+#define YAXJNI_FN(type, name) \
+    extern "C" JNIEXPORT YAX_EXPORT type JNICALL Java_com_kalvora_android_media_YAXJNI_##name
+#define VONOJNI_FN(type, name) \
+    extern "C" JNIEXPORT YAX_EXPORT type JNICALL Java_com_kalvora_android_media_VonoJNI_##name
 
 namespace yaxjni {
 

@@ -192,4 +192,25 @@ public class JniTest {
         assertArrayEquals(orig, read(p));
         assertEquals(0, VonoJNI.DeleteVonoFromFile(p));
     }
+
+    @Test public void soundEntriesSaveAndDelete() throws Exception {
+        byte[] orig = jpeg(3), sound = {4, 3, 2, 1};
+        String p = file(orig);
+        assertEquals(0, YAXJNI.saveAudioJPEG(p, sound, 5, "s", 1));
+        assertEquals(0, YAXJNI.clearVonoData(p));  // plain image: nothing to clear
+        assertArrayEquals(orig, read(p));
+        assertEquals(1, YAXJNI.saveAudioJPEG(p, sound, 4, "s", 1));
+        assertEquals(1, YAXJNI.isYAXFile(p));
+        assertTrue(Arrays.asList(YAXJNI.listKeyNames(p)).contains("s"));
+        long[] pos = YAXJNI.getYAXDataPosition64(p, "s");
+        assertArrayEquals(sound, slice(read(p), pos[0], pos[1]));
+        assertEquals(1, YAXJNI.deleteVonoData(p, "s"));
+        assertNull(YAXJNI.getYAXDataPosition64(p, "s"));
+        assertEquals(0, YAXJNI.clearVonoData(p));  // a trailer alone is left as it is
+        assertEquals(1, YAXJNI.clearYAXData(p));
+        assertEquals(orig.length + 1 + 30, VonoJNI.AddSoundInVonoFile(p, sound, 1));
+        assertEquals(1, YAXJNI.saveAudioJPEG(p, sound, 2, "t", 1));
+        assertEquals(1, YAXJNI.clearVonoData(p));  // legacy sound and entries: the bare image stays
+        assertArrayEquals(orig, read(p));
+    }
 }
