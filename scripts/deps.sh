@@ -12,8 +12,9 @@ packages=(
   libjpeg-turbo-progs                    # djpeg: edited images must still decode
   ffmpeg                                 # ffprobe: edited MP4 clips must still play
   clang libclang-rt-14-dev               # the libFuzzer targets (scripts/fuzz.sh)
+  openjdk-17-jdk-headless junit4         # the Java binding and its JUnit suite
 )
-commands=(cmake make g++ pkg-config arm-linux-gnueabihf-g++ qemu-arm djpeg ffprobe clang)
+commands=(cmake make g++ pkg-config arm-linux-gnueabihf-g++ qemu-arm djpeg ffprobe clang javac)
 
 missing=()
 for p in "${packages[@]}"; do
