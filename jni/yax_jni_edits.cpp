@@ -1,6 +1,5 @@
 // YAXJNI's copy and cover methods: entries copied between files, and the
-// image before the trailer replaced. Built once the library has these calls
-// (YAX_JNI_EDITS).
+// image before the trailer replaced.
 #include <jni.h>
 
 #include <cstdint>
