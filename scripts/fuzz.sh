@@ -7,7 +7,7 @@
 #   targets: read delete_name delete_multi delete_all fast_delete save fast_save sound copy
 # A crash is written to build/fuzz/findings/<target>/; copy it to
 # tests/fuzz/regressions/<target>/ once fixed, so CTest replays it.
-# Prints one line per target: executions, coverage, corpus size, findings.
+# Prints one line per target: executions, rate, coverage, corpus size, findings.
 set -uo pipefail
 
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -49,9 +49,10 @@ for t in "${targets[@]}"; do
   execs=$(echo "$done_line" | sed -E 's/^#([0-9]+).*/\1/')
   cov=$(echo "$done_line" | sed -nE 's/.*cov: ([0-9]+).*/\1/p')
   ft=$(echo "$done_line" | sed -nE 's/.*ft: ([0-9]+).*/\1/p')
+  rate=$(echo "$done_line" | sed -nE 's/.*exec\/s: ([0-9]+).*/\1/p')
   crashes=$(find "$findings" -maxdepth 1 -type f \( -name 'crash-*' -o -name 'leak-*' -o -name 'timeout-*' -o -name 'oom-*' \) | wc -l)
-  printf 'fuzz[%s]: execs %s cov %s ft %s corpus %s findings %s\n' \
-    "$t" "${execs:-0}" "${cov:-?}" "${ft:-?}" "$(ls "$corpus" | wc -l)" "$crashes"
+  printf 'fuzz[%s]: execs %s exec/s %s cov %s ft %s corpus %s findings %s\n' \
+    "$t" "${execs:-0}" "${rate:-?}" "${cov:-?}" "${ft:-?}" "$(ls "$corpus" | wc -l)" "$crashes"
   if [ $rc -ne 0 ] || [ "$crashes" -ne 0 ]; then
     status=1
     grep -E 'ERROR|invariant|SUMMARY' "$log" | head -5
