@@ -144,6 +144,30 @@ public class JniTest {
         assertArrayEquals(orig, read(p));
     }
 
+    /** Copies between files (all, by type, by name) and a new cover in front of the entries. */
+    @Test public void copyAndCover() throws Exception {
+        String src = file(jpeg(3));
+        assertEquals(1, YAXJNI.addYAXData(src, "a", 1, null, 0, new byte[] {7}, 1, 3, 0));
+        assertEquals(1, YAXJNI.addYAXData(src, "bb", 2, null, 0, new byte[] {5, 6}, 2, 4, 0));
+        String all = file(jpeg(300)), typed = file(jpeg(0)), named = file(jpeg(0));
+        assertEquals(1, YAXJNI.copyAllYAXData(src, all));
+        assertArrayEquals(new String[] {"a", "bb"}, YAXJNI.listKeyNames(all));
+        assertEquals(1, YAXJNI.copyAllYAXDataType(src, typed, 4));
+        assertArrayEquals(new String[] {"bb"}, YAXJNI.listKeyNames(typed));
+        assertEquals(1, YAXJNI.copyAllYAXDataKeyName(src, named, "a"));
+        assertArrayEquals(new String[] {"a"}, YAXJNI.listKeyNames(named));
+        byte[] before = read(all);
+        int[] old = YAXJNI.getYAXDataPosition(all, "bb");
+        byte[] cover = jpeg(200);  // 100 bytes shorter: the room left becomes a filler entry
+        assertEquals(0, YAXJNI.FastChangeCoverTest(all, null, 0));
+        assertTrue(YAXJNI.FastChangeCoverTest(all, cover, cover.length) > 0);  // a byte count
+        byte[] after = read(all);
+        assertArrayEquals(cover, slice(after, 0, cover.length));
+        assertArrayEquals(new String[] {"Invalid_Data", "a", "bb"}, YAXJNI.listKeyNames(all));  // the freed room is a filler entry
+        int[] pos = YAXJNI.getYAXDataPosition(all, "bb");
+        assertArrayEquals(slice(before, old[0], old[1]), slice(after, pos[0], pos[1]));
+    }
+
     @Test public void addFilesStopsAtFirstFailure() throws Exception {
         String p = file(jpeg(1)), payload = file(new byte[] {4});
         assertEquals(0, YAXJNI.addYAXDataFiles(p, new String[] {"x", "y", "z"}, new int[] {1, 1, 1},
