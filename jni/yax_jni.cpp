@@ -150,40 +150,50 @@ YAXJNI_FN(jint, copyAdioData)(JNIEnv *env, jclass, jstring jsrc, jstring jdst) {
     return copyFirstSound(src.c, dst.c);
 }
 
-YAXJNI_FN(jint, addYAXData)(JNIEnv *env, jclass, jstring jpath, jstring jname, jint nameLength,
-                      jbyteArray jsub, jint subLength, jbyteArray jdata, jint dataLength,
-                      jint dataType, jint option) {
-    return withEntryArgs(env, jpath, jname, nameLength, jsub, subLength, jdata, dataLength,
-                         [&](const char *p, const char *n, uint32_t nl, const void *s,
-                             uint32_t sl, const void *d, uint32_t dl) {
-                             return saveYAXDataToFile(p, n, nl, s, sl, d, dl,
-                                                      static_cast<uint32_t>(dataType), option);
-                         });
+// The library saves the add methods call, in the by-path form; the MP4
+// saves take a stream, opened "r+b" around them here (0 when it cannot be).
+using MemorySave = int (*)(const char *, const char *, uint32_t, const void *, uint32_t,
+                           const void *, uint32_t, uint32_t, int);
+using FileSave = int (*)(const char *, const char *, uint32_t, const void *, uint32_t,
+                         const char *, uint32_t, int);
+
+int saveToMp4ByPath(const char *p, const char *n, uint32_t nl, const void *s, uint32_t sl,
+                    const void *d, uint32_t dl, uint32_t type, int option) {
+    FILE *fp = p != nullptr ? fopen(p, "r+b") : nullptr;
+    if (fp == nullptr) return 0;
+    const int r = saveYAXDataToFPToMP4(fp, n, nl, s, sl, d, dl, type, option);
+    fclose(fp);
+    return r;
 }
 
-YAXJNI_FN(jint, addFastYAXData)(JNIEnv *env, jclass, jstring jpath, jstring jname, jint nameLength,
-                          jbyteArray jsub, jint subLength, jbyteArray jdata, jint dataLength,
-                          jint dataType, jint option) {
-    return withEntryArgs(env, jpath, jname, nameLength, jsub, subLength, jdata, dataLength,
-                         [&](const char *p, const char *n, uint32_t nl, const void *s,
-                             uint32_t sl, const void *d, uint32_t dl) {
-                             return saveFastYAXDataToFile(p, n, nl, s, sl, d, dl,
-                                                          static_cast<uint32_t>(dataType), option);
-                         });
+int saveFileToMp4ByPath(const char *p, const char *n, uint32_t nl, const void *s, uint32_t sl,
+                        const char *dp, uint32_t type, int option) {
+    FILE *fp = p != nullptr ? fopen(p, "r+b") : nullptr;
+    if (fp == nullptr) return 0;
+    const int r = saveYAXDataFileToFPToMP4(fp, n, nl, s, sl, dp, type, option);
+    fclose(fp);
+    return r;
 }
 
-YAXJNI_FN(jint, addYAXDataToMP4)(JNIEnv *env, jclass, jstring jpath, jstring jname, jint nameLength,
-                           jbyteArray jsub, jint subLength, jbyteArray jdata, jint dataLength,
-                           jint dataType, jint option) {
+// addFastYAXDataFile reads the whole payload file itself, then fast-saves it.
+int saveFastWholeFile(const char *p, const char *n, uint32_t nl, const void *s, uint32_t sl,
+                      const char *dp, uint32_t type, int option) {
+    uint32_t length = 0;
+    unsigned char *bytes = readWholeFile(dp, &length);
+    if (bytes == nullptr) return 0;
+    const int r = saveFastYAXDataToFile(p, n, nl, s, sl, bytes, length, type, option);
+    free(bytes);
+    return r;
+}
+
+jint addFromMemory(MemorySave save, JNIEnv *env, jstring jpath, jstring jname, jint nameLength,
+                   jbyteArray jsub, jint subLength, jbyteArray jdata, jint dataLength,
+                   jint dataType, jint option) {
     return withEntryArgs(env, jpath, jname, nameLength, jsub, subLength, jdata, dataLength,
                          [&](const char *p, const char *n, uint32_t nl, const void *s,
                              uint32_t sl, const void *d, uint32_t dl) {
-                             FILE *fp = p != nullptr ? fopen(p, "r+b") : nullptr;
-                             if (fp == nullptr) return 0;
-                             const int r = saveYAXDataToFPToMP4(
-                                 fp, n, nl, s, sl, d, dl, static_cast<uint32_t>(dataType), option);
-                             fclose(fp);
-                             return r;
+                             return save(p, n, nl, s, sl, d, dl, static_cast<uint32_t>(dataType),
+                                         option);
                          });
 }
 
@@ -199,48 +209,37 @@ jint withFileArgs(JNIEnv *env, jstring jpath, jstring jname, jint nameLength, jb
                 static_cast<uint32_t>(subLength), dataPath.c);
 }
 
-YAXJNI_FN(jint, addYAXDataFile)(JNIEnv *env, jclass, jstring jpath, jstring jname, jint nameLength,
-                          jbyteArray jsub, jint subLength, jstring jdataPath, jint dataType,
-                          jint option) {
+jint addFromFile(FileSave save, JNIEnv *env, jstring jpath, jstring jname, jint nameLength,
+                 jbyteArray jsub, jint subLength, jstring jdataPath, jint dataType, jint option) {
     return withFileArgs(env, jpath, jname, nameLength, jsub, subLength, jdataPath,
                         [&](const char *p, const char *n, uint32_t nl, const void *s,
                             uint32_t sl, const char *dp) {
-                            return saveYAXFileDataToFile(p, n, nl, s, sl, dp,
-                                                         static_cast<uint32_t>(dataType), option);
+                            return save(p, n, nl, s, sl, dp, static_cast<uint32_t>(dataType),
+                                        option);
                         });
 }
 
-YAXJNI_FN(jint, addFastYAXDataFile)(JNIEnv *env, jclass, jstring jpath, jstring jname,
-                              jint nameLength, jbyteArray jsub, jint subLength,
-                              jstring jdataPath, jint dataType, jint option) {
-    return withFileArgs(env, jpath, jname, nameLength, jsub, subLength, jdataPath,
-                        [&](const char *p, const char *n, uint32_t nl, const void *s,
-                            uint32_t sl, const char *dp) {
-                            uint32_t length = 0;
-                            unsigned char *bytes = readWholeFile(dp, &length);
-                            if (bytes == nullptr) return 0;
-                            const int r = saveFastYAXDataToFile(
-                                p, n, nl, s, sl, bytes, length, static_cast<uint32_t>(dataType),
-                                option);
-                            free(bytes);
-                            return r;
-                        });
-}
+#define YAXJNI_ADD_MEMORY(method, save)                                                       \
+    YAXJNI_FN(jint, method)(JNIEnv * env, jclass, jstring jpath, jstring jname,              \
+                            jint nameLength, jbyteArray jsub, jint subLength,                \
+                            jbyteArray jdata, jint dataLength, jint dataType, jint option) { \
+        return addFromMemory(save, env, jpath, jname, nameLength, jsub, subLength, jdata,    \
+                             dataLength, dataType, option);                                  \
+    }
+#define YAXJNI_ADD_FILE(method, save)                                                          \
+    YAXJNI_FN(jint, method)(JNIEnv * env, jclass, jstring jpath, jstring jname,               \
+                            jint nameLength, jbyteArray jsub, jint subLength,                 \
+                            jstring jdataPath, jint dataType, jint option) {                  \
+        return addFromFile(save, env, jpath, jname, nameLength, jsub, subLength, jdataPath,   \
+                           dataType, option);                                                 \
+    }
 
-YAXJNI_FN(jint, addYAXDataFileToMP4)(JNIEnv *env, jclass, jstring jpath, jstring jname,
-                               jint nameLength, jbyteArray jsub, jint subLength,
-                               jstring jdataPath, jint dataType, jint option) {
-    return withFileArgs(env, jpath, jname, nameLength, jsub, subLength, jdataPath,
-                        [&](const char *p, const char *n, uint32_t nl, const void *s,
-                            uint32_t sl, const char *dp) {
-                            FILE *fp = p != nullptr ? fopen(p, "r+b") : nullptr;
-                            if (fp == nullptr) return 0;
-                            const int r = saveYAXDataFileToFPToMP4(
-                                fp, n, nl, s, sl, dp, static_cast<uint32_t>(dataType), option);
-                            fclose(fp);
-                            return r;
-                        });
-}
+YAXJNI_ADD_MEMORY(addYAXData, saveYAXDataToFile)
+YAXJNI_ADD_MEMORY(addFastYAXData, saveFastYAXDataToFile)
+YAXJNI_ADD_MEMORY(addYAXDataToMP4, saveToMp4ByPath)
+YAXJNI_ADD_FILE(addYAXDataFile, saveYAXFileDataToFile)
+YAXJNI_ADD_FILE(addFastYAXDataFile, saveFastWholeFile)
+YAXJNI_ADD_FILE(addYAXDataFileToMP4, saveFileToMp4ByPath)
 
 YAXJNI_FN(jint, addYAXDataFiles)(JNIEnv *env, jclass, jstring jpath, jobjectArray jnames,
                            jintArray jnameLengths, jobjectArray jdataPaths, jintArray jtypes,
