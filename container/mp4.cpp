@@ -70,6 +70,16 @@ YAX_EXPORT int writeMP4Tag(YaxInfo *info, uint32_t added) {
         YAXLogE(tag, "the trailer does not fit in a box");
         return 0;
     }
+    // The grown trailer must end where the file ends; a save that rebuilt the
+    // trailer instead of growing it (a replaced entry whose block was too
+    // small for filler) leaves the parse stale, and the box is not put
+    // around bytes that are not the trailer.
+    const int64_t end = _qlseek64(info->fp, 0, SEEK_END);
+    if (end != start + length) {
+        YAXLogE(tag, "the trailer is not where the parse left it (%lld bytes, file ends at %lld): no box",
+                static_cast<long long>(start + length), static_cast<long long>(end));
+        return 0;
+    }
     const auto n = static_cast<uint32_t>(length);
     // zero-filled: a read that comes up short leaves zeros, not stale heap
     auto *trailer = static_cast<unsigned char *>(_qcalloc(1, n));

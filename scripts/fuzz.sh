@@ -4,7 +4,7 @@
 # time, starting from the seed corpora made by the tests' builder, the sample
 # image and the kept regression inputs, with the format's dictionary.
 # Usage: scripts/fuzz.sh [seconds per target] [target ...]
-#   targets: read delete_name delete_multi delete_all fast_delete save fast_save sound copy
+#   targets: read delete_name delete_multi delete_all fast_delete save fast_save sound mp4_save buffer_save copy
 # A crash is written to build/fuzz/findings/<target>/; copy it to
 # tests/fuzz/regressions/<target>/ once fixed, so CTest replays it.
 # Prints one line per target: executions, rate, coverage, corpus size, findings.
@@ -15,7 +15,7 @@ build="${YAX_BUILD_ROOT:-$root/build}/fuzz"
 seconds="${1:-30}"
 shift || true
 targets=("$@")
-[ ${#targets[@]} -eq 0 ] && targets=(read delete_name delete_multi delete_all fast_delete save fast_save sound copy)
+[ ${#targets[@]} -eq 0 ] && targets=(read delete_name delete_multi delete_all fast_delete save fast_save sound mp4_save buffer_save copy)
 
 cmake -S "$root" -B "$build" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
       -DCMAKE_BUILD_TYPE=RelWithDebInfo -DYAX_FUZZ=ON -DYAX_BUILD_TOOLS=OFF \
