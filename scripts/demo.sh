@@ -2,7 +2,8 @@
 # Builds libYAX with the yax tool and shows the library's main job on the
 # bundled sample image: store two entries, list them, get one back and compare,
 # replace one, remove one, list again, check that the image still decodes, and
-# copy the entries into a fresh copy of the original; then the same inside the
+# copy the entries into a fresh copy of the original and put re-encoded images
+# in front of them; then the same inside the
 # bundled MP4 clip, checked with ffprobe, and sounds stored in the clip and in
 # the photo.
 # Environment: YAX_BUILD_ROOT (default <repo>/build), YAX_JOBS (default 2),
@@ -66,6 +67,19 @@ show yax list fresh.jpg
 cmp <(yax get photo.jpg caption) <(yax get fresh.jpg caption) || fail "the copied caption differs"
 echo "the copied caption reads back byte for byte"
 # ---- end of copy ----
+
+# ---- cover: a re-encoded image, smaller and then larger, in front of the entries ----
+djpeg "$root/tests/data/sample.jpg" > original.ppm
+cjpeg -quality 40 original.ppm > smaller.jpg
+cjpeg -quality 100 original.ppm > larger.jpg
+for new in smaller.jpg larger.jpg; do
+  show yax cover fresh.jpg "$new"
+  show yax list fresh.jpg
+  cmp <(yax get photo.jpg caption) <(yax get fresh.jpg caption) || fail "the caption changed under $new"
+  cmp <(djpeg fresh.jpg) <(djpeg "$new") || fail "fresh.jpg does not decode to the pixels of $new"
+  echo "$new ($(wc -c < "$new") bytes) is in front: the caption reads back, djpeg gives its pixels"
+done
+# ---- end of cover ----
 
 show yax clear photo.jpg
 cmp photo.jpg "$root/tests/data/sample.jpg" || fail "after clear the image differs from the original"

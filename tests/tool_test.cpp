@@ -615,3 +615,32 @@ TEST_F(ToolTest, CopyEntriesBetweenFiles) {
     EXPECT_EQ(tu::readFile(image), jpeg + tone + tb::vonoBlock({{start + 21, start + 25}}));
     EXPECT_EQ(dir.list(), (Strings{"photo.jpg", "src.jpg"}));
 }
+
+// A new image in front of the entries: in place where the library keeps
+// every entry (same length), rebuilt where its move would lose one (a room
+// too small for a filler head); refusals leave the file alone.
+TEST_F(ToolTest, CoverKeepsEveryEntry) {
+    const Entry a{1, "a", "x", ""}, b{3, "bb", "payload", "s"};
+    const std::string cover = dir.path("cover.jpg");
+    const auto fake = [](size_t n) {  // FF D8, filler, FF D9
+        Bytes j(n, 0x55);
+        j[0] = 0xFF, j[1] = 0xD8, j[n - 2] = 0xFF, j[n - 1] = 0xD9;
+        return j;
+    };
+    for (size_t size : {jpeg.size(), jpeg.size() - 5}) {
+        tu::writeFile(image, jpeg + tb::trailer({a, b}));
+        tu::writeFile(cover, fake(size));
+        const Outcome r = yax({"cover", image, cover});
+        EXPECT_EQ(std::get<0>(r), 0) << size;
+        EXPECT_EQ(tu::readFile(image), fake(size) + tb::trailer({a, b})) << size;
+        EXPECT_EQ(std::get<2>(r).find("rebuilding the file instead") != std::string::npos, size != jpeg.size());
+    }
+    const Bytes before = tu::readFile(image);
+    tu::writeFile(cover, tb::bytes("not an image"));
+    EXPECT_EQ(yax({"cover", image, cover}),
+              failed(cover + ": not a JPEG image (it must start with FF D8 and end with FF D9)"));
+    tu::writeFile(cover, fake(40));
+    EXPECT_EQ(yax({"cover", cover, cover}), failed(cover + ": holds no entries; there is nothing to keep behind a new image"));
+    EXPECT_EQ(tu::readFile(image), before);
+    EXPECT_EQ(dir.list(), (Strings{"cover.jpg", "photo.jpg"}));
+}

@@ -11,7 +11,7 @@
 // the tool refuses before anything is done.
 
 struct CpEntry {
-    std::string name, payload;
+    std::string name, payload, sub;
     uint32_t type = 0;
 };
 
@@ -29,6 +29,7 @@ std::optional<std::vector<CpEntry>> cpEntries(const std::string &path) {
         if (YAXDATA_UNIT *u = extractYAXDataFromFilebyIndex(d, i)) {
             e.type = u->data_type;
             if (u->data != nullptr) e.payload.assign(reinterpret_cast<char *>(u->data), u->data_length);
+            if (u->sub_info != nullptr) e.sub.assign(reinterpret_cast<char *>(u->sub_info), u->sub_info_length);
             destroyYAXDATA_UNIT(u);
         }
         out.push_back(std::move(e));

@@ -959,6 +959,7 @@ int cmdClear(const std::string &path, bool fast) {
 }
 
 #include "cmd_cp.cpp"
+#include "cmd_cover.cpp"
 
 }  // namespace
 
@@ -1031,6 +1032,11 @@ int main(int argc, char **argv) {
     const SoundCommands sound(app);
     std::string cpSrc, cpDst, cpName;
     int64_t cpType = -1;
+    std::string coverImage;
+    CLI::App *cover = app.add_subcommand(
+        "cover", "Put NEWIMAGE (a JPEG) in front of FILE's entries, keeping every entry.");
+    cover->add_option("FILE", file, "Image file holding the entries")->required();
+    cover->add_option("NEWIMAGE", coverImage, "The new image")->required();
     CLI::App *cp = app.add_subcommand(
         "cp", "Copy the entries of SRC (all, one by name, or all of one data type) into DST.");
     cp->add_option("SRC", cpSrc, "File to copy the entries from (not changed)")->required();
@@ -1066,6 +1072,7 @@ int main(int argc, char **argv) {
         if (check->parsed()) return cmdCheck(file, json);
         if (auto r = sound.run()) return *r;
         if (cp->parsed()) return cmdCp(cpSrc, cpDst, cpName, cpType);
+        if (cover->parsed()) return cmdCover(file, coverImage);
     } catch (const std::bad_alloc &) {
         return fail("out of memory");
     }
