@@ -180,7 +180,7 @@ TEST_P(DeleteOne, MalformedTablesFailCleanlyAndChangeNothing) {
              {[](YaxInfo *i) { i->meta_data[1]->offset += 4; }, apart},
              {[](YaxInfo *i) { i->meta_data[1]->length -= 1; }, apart},
              {[](YaxInfo *i) { for (int k = 0; k < 3; ++k) i->meta_data[k]->offset += 4; }, apart}})
-        expectEdit(f, {}, [&](Target &t) { return damage(t.info), t.del(f, 1); }, Layout{}.bytes(), 0,
+        expectEdit(f, {}, [&, damage = damage](Target &t) { return damage(t.info), t.del(f, 1); }, Layout{}.bytes(), 0,
                    tu::errLine(tag, msg));
 }
 

@@ -91,7 +91,7 @@ TEST_F(Tone, AddRefusalsAndFailedWritesWithTheirLines) {
     };
     for (const auto &[call, line] : cases) {
         int r = -1;
-        EXPECT_EQ(tu::capture([&] { r = call(); }), line);
+        EXPECT_EQ(tu::capture([&, call = call] { r = call(); }), line);
         EXPECT_EQ(r, 0) << line;
     }
     _qfclose(atStart), _qfclose(readOnly);

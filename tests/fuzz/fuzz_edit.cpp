@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -19,7 +20,7 @@
 
 namespace {
 
-enum Kind { kDeleteName, kDeleteMulti, kDeleteAll, kFastDelete, kSave, kFastSave, kSound, kMp4Save, kBufferSave };
+enum Kind { kDeleteName, kDeleteMulti, kDeleteAll, kFastDelete, kSave, kFastSave, kSound, kMp4Save, kBufferSave, kCover };
 
 #ifndef YAX_FUZZ_EDIT
 #error "YAX_FUZZ_EDIT names the edit kind"
@@ -28,7 +29,7 @@ constexpr Kind kKind = YAX_FUZZ_EDIT;
 
 const char *kindName() {
     static const char *names[] = {"delete_name", "delete_multi", "delete_all",
-                                  "fast_delete", "save", "fast_save", "sound", "mp4_save", "buffer_save"};
+                                  "fast_delete", "save", "fast_save", "sound", "mp4_save", "buffer_save", "cover"};
     return names[kKind];
 }
 
@@ -89,6 +90,45 @@ int soundEdit(const std::string &path, const inv::Listing &listed, uint8_t a, ui
         return 1;
     }
     }
+}
+
+// The cover change: a new image of the old one's length, shorter, longer
+// (the overhang ending before, on or after a block's end) or longer than the
+// whole file. Only a cover of the same length is sure to keep every entry:
+// the other moves keep the documented bytes, lossy ones included, so they
+// are held to the rest of the invariant (no crash, a refusal changes
+// nothing, nothing grows past the cover) and to the new image being in front.
+int coverEdit(const std::string &path, const inv::Listing &listed, uint8_t a, uint8_t b,
+              std::vector<uint32_t> &targets, uint64_t &grow, const inv::Bytes &before) {
+    int64_t old_cover = -1;
+    if (YAXDATA *h = checkYAXInFile(path.c_str())) {
+        YaxInfo *info = h->yax_info;
+        if (info != nullptr && info->meta_count != 0 && info->meta_data != nullptr && info->meta_data[0] != nullptr)
+            old_cover = info->file_size - (int64_t(info->header_offset) + info->meta_data[0]->offset);
+        destroyYAXDATA(h);
+    }
+    const int64_t base = old_cover > 0 ? old_cover : 64;
+    int64_t len = base;
+    switch (a % 5) {
+    case 1: len = base - 1 - (b % 64); break;                 // shorter
+    case 2: len = base + 1 + b; break;                        // a short overhang
+    case 3: len = base + int64_t(b) * 4; break;               // a longer one, maybe to a block's end
+    case 4: len = int64_t(before.size()) + 1 + (b & 15); break;  // longer than the file
+    default: break;
+    }
+    if (len < 4) len = 4;
+    inv::Bytes cover(size_t(len), uint8_t(0x20 + (b & 0x3F)));
+    cover[0] = 0xFF, cover[1] = 0xD8, cover[cover.size() - 2] = 0xFF, cover[cover.size() - 1] = 0xD9;
+    if (len != old_cover)
+        for (uint32_t i = 0; i < listed.names.size(); ++i) targets.push_back(i);
+    grow = uint64_t(len) + 64;
+    const int r = FastChangeCoverData(path.c_str(), cover.data(), uint32_t(cover.size()));
+    if (r != 0) {
+        const inv::Bytes after = inv::slurp(path);
+        if (after.size() < cover.size() || !std::equal(cover.begin(), cover.end(), after.begin()))
+            fz::fail("cover", "the new image is not in front", before);
+    }
+    return r != 0 ? 1 : 0;
 }
 
 bool fastKind(int variant) {
@@ -210,6 +250,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
     case kSound:
         result = soundEdit(path, listed, a, b, targets, added, grow, partial, before);
+        break;
+    case kCover:
+        result = coverEdit(path, listed, a, b, targets, grow, before);
         break;
     }
     const inv::Bytes after = inv::slurp(path);

@@ -101,7 +101,7 @@ int main(int argc, char **argv) {
     }
     const std::string dir = argv[1];
     const char *targets[] = {"read", "delete_name", "delete_multi", "delete_all",
-                             "fast_delete", "save", "fast_save", "sound", "mp4_save", "buffer_save"};
+                             "fast_delete", "save", "fast_save", "sound", "mp4_save", "buffer_save", "cover"};
     const std::pair<uint8_t, uint8_t> selectors[] = {{0, 0}, {1, 3}, {2, 1}, {0x41, 0x88}, {0xC1, 0x19}};
     mkdir(dir.c_str(), 0755);
     for (const char *t : targets) {
