@@ -1,8 +1,12 @@
 // libFuzzer target for the read side: detection, parse and list of a file
 // and of a buffer, every query, name list, type list and extraction, the
-// legacy audio parser and readers, and the TonePhoto list readers. Reading
+// legacy audio parser and readers, the TonePhoto list readers, and the
+// streamed extraction (which must give the extraction's bytes). Reading
 // must never crash, leak or touch memory it does not own.
+#include <unistd.h>
+
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <string>
 
@@ -12,6 +16,27 @@
 
 namespace {
 
+// The streamed payload and sub-information of row i must be the bytes the
+// extraction copies out, whenever both give them.
+void streamRow(YAXDATA *d, uint32_t i, const YAXDATA_UNIT *u) {
+    static FILE *out = std::tmpfile();
+    if (out == nullptr) return;
+    for (int part : {YAX_STREAM_PAYLOAD, YAX_STREAM_SUB_INFO}) {
+        if (ftruncate(fileno(out), 0) != 0) return;
+        std::rewind(out);
+        const int64_t n = yaxStreamYAXData(d, i, part, out);
+        if (n < 0 || u == nullptr) continue;
+        const void *want = part == YAX_STREAM_PAYLOAD ? u->data : u->sub_info;
+        const uint32_t want_len = part == YAX_STREAM_PAYLOAD ? u->data_length : u->sub_info_length;
+        if (want == nullptr) continue;
+        inv::Bytes got(static_cast<size_t>(n));
+        std::rewind(out);
+        if (n != int64_t(want_len) || (n != 0 && std::fread(got.data(), 1, got.size(), out) != got.size()) ||
+            (n != 0 && std::memcmp(got.data(), want, got.size()) != 0))
+            fz::fail("read", "streamed bytes differ from the extracted ones", {});
+    }
+}
+
 void drainRecord(YAXDATA *d) {
     if (d == nullptr) return;
     for (uint32_t i = 0; i <= d->count; ++i) {  // one past the last row too
@@ -20,6 +45,7 @@ void drainRecord(YAXDATA *d) {
         destroyYAXOFFSET(getYAXSubInfoInFileByIndex(d, i));
         destroyYAXOFFSET64(getYAXSubInfoInFileByIndex64(d, i));
         YAXDATA_UNIT *u = extractYAXDataFromFilebyIndex(d, i);
+        streamRow(d, i, u);
         const char *name = i < d->count && d->YAX_name_list != nullptr ? d->YAX_name_list[i] : nullptr;
         if (name != nullptr) {
             destroyYAXOFFSET(getYAXInFileByName(d, name));
@@ -27,6 +53,8 @@ void drainRecord(YAXDATA *d) {
             destroyYAXOFFSET(getYAXSubInfoInFileByName(d, name));
             destroyYAXOFFSET64(getYAXSubInfoInFileByName64(d, name));
             destroyYAXDATA_UNIT(extractYAXDataFromFilebyName(d, name, uint32_t(std::strlen(name))));
+            static FILE *sink = std::fopen("/dev/null", "wb");
+            if (sink != nullptr) yaxStreamYAXDataByName(d, name, YAX_STREAM_SUB_INFO, sink);
             const uint32_t type = getYAXDataType(d, name);
             uint32_t n = 0;
             char **list = getNameListByDataType(d, type, &n);
