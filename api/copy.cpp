@@ -270,12 +270,14 @@ int copyInto(const char *src, const char *dst, int s) {
             if (name == nullptr || name[0] == '\0') continue;
             const uint32_t at = _getIndexOfName(yd, name);
             if (at >= yd->count) continue;
-            if (std::strcmp(yd->YAX_name_list[i], "TonePhoto_") == 0) {
+            const char *row_name = yd->YAX_name_list[i];
+            if (row_name != nullptr && std::strcmp(row_name, "TonePhoto_") == 0) {
                 saveEntry(yd, at, dst);
-            } else {
-                // Sounds go into the destination's own TonePhoto list, which
-                // this library does not write yet: they are left out.
-                YAXLogE(kTag, "sound entry not copied\n");
+            } else if (YAXDATA_UNIT *u = extractYAXDataFromFilebyIndex(yd, at)) {
+                // a sound joins the destination's own TonePhoto list; the
+                // source's other entries are not copied
+                saveVonoToImageFile(dst, u->data, u->data_length, name, getStringLen(name));
+                destroyYAXDATA_UNIT(u);
             }
         }
         destroyYAXDATA(yd);

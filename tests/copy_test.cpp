@@ -6,6 +6,7 @@
 #include "api_fixture.hpp"
 #include "yax_api.h"
 #include "yax_container.h"
+#include "yax_vono.h"
 
 namespace {
 
@@ -122,6 +123,28 @@ TEST_F(Copy, LegacySourceIsConvertedAndNothingCopied) {
     EXPECT_EQ(tu::readFile(dst), h + tb::trailer({kA}));
     EXPECT_NE(tu::readFile(src), legacy);
     EXPECT_NE(getSignature(src.c_str()), SIGNATURE_VONO);
+}
+
+// A source with entries and legacy audio, into a file with entries: its
+// listed sound is saved there as a sound (as the sound save would store it);
+// its other entries are not copied.
+TEST_F(Copy, SoundOfALegacySourceIntoEntriesGoesThroughTheSoundSave) {
+    const Bytes h = at::host();
+    const Entry sound = at::toneSound("p");  // a 1-byte sound
+    const Bytes source = h + tb::trailer({kA, sound, at::toneMeta()}) + at::vono1(1, 2);
+    const Bytes into = h + tb::trailer({kD});
+    tu::writeFile(src, source);
+    ASSERT_EQ(getSignature(src.c_str()), SIGNATURE_VONO_YAX);
+    const std::string want = dir.path("want.jpg");
+    tu::writeFile(want, into);
+    ASSERT_EQ(saveVonoToImageFile(want.c_str(), "p", 1, sound.name.data(),
+                                  static_cast<uint32_t>(sound.name.size())), 1);
+    const Bytes wanted = tu::readFile(want);
+    ASSERT_NE(wanted, into);
+    tu::writeFile(dst, into);
+    EXPECT_EQ(copyYAXData(src.c_str(), dst.c_str()), 1);
+    EXPECT_EQ(tu::readFile(dst), wanted);
+    EXPECT_EQ(tu::readFile(src), source);
 }
 
 // A source whose table lies is refused before anything is written.

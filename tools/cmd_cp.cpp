@@ -7,8 +7,8 @@
 // or refused copy leaves DST (and SRC) as they were. The library's copy
 // turns a source's legacy audio into entries inside the source itself: the
 // private copy takes that, and the tool says so. Where the library would
-// copy nothing but report success (legacy audio into a file with entries),
-// the tool refuses before anything is done.
+// copy nothing or only a sound but report success (legacy audio into a file
+// with entries), the tool refuses before anything is done.
 
 struct CpEntry {
     std::string name, payload, sub;
@@ -108,8 +108,8 @@ int cmdCp(const std::string &src, const std::string &dst, const std::string &nam
     }
     if (!hasTrailer(srcSig) && srcSig != SIGNATURE_VONO) return fail(src + ": holds no entries to copy");
     // Into a file with entries the library only converts a legacy-only
-    // source, and of a source with legacy audio and entries it copies no
-    // sound: refused rather than half done.
+    // source, and of a source with legacy audio and entries it copies the
+    // sound alone: refused rather than half done.
     if (hasLegacy(srcSig) && dstSig != SIGNATURE_NONE)
         return fail(src + " holds legacy audio, which cannot be copied into a file that already has "
                     "entries or legacy audio; copy it into a file without them");
