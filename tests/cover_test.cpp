@@ -210,6 +210,54 @@ TEST(Cover, OverhangOverEveryBlockKeepsTheLibrarysResult) {
     EXPECT_EQ(readFile(p), cv + w.done());
 }
 
+// The big copy's header writer on its own, for every case number with the
+// second block as the last overwritten one (k = 1). Case 5 needs an overhang
+// that ends exactly on a block's end before the rows run out, which the
+// move's search never stops at; only a direct call reaches it.
+TEST(Cover, BigCopyHeaderRowsForEveryCase) {
+    const std::vector<Entry> es{e0, e1, e2};
+    const Row r0 = row(e0, ALL), r1 = row(e1, ALL - L0), r2 = row(e2, L2);
+    auto moved = [](Row r, int64_t by) { return r.offset = static_cast<uint32_t>(r.offset + by), r; };
+    const Row filler{kFillerMeta, 40, 7};
+    const struct {
+        uint32_t which, count;
+        std::vector<Row> rows;
+    } cases[] = {
+        {1, 0, {r1, r2, r2}},  // the last row once more
+        {2, 3, {filler, r1, r2}},
+        {3, 3, {moved(r2, L0 + L1), moved(r0, -int64_t(L2)), moved(r1, -int64_t(L2))}},
+        {4, 4, {filler, moved(r2, L0 + L1), moved(r0, -int64_t(L2)), moved(r1, -int64_t(L2))}},
+        {5, 2, {r2, r1}},
+        {6, 3, {moved(filler, L1), moved(r2, L1), moved(r1, -int64_t(L2))}},
+        {7, 1, {}},  // no such case: no rows
+    };
+    TempDir dir;
+    const std::string p = dir.path("f.jpg");
+    writeFile(p, cover(C, 0x11) + tb::trailer(es));
+    YAXDATA *h = checkYAXInFile(p.c_str());
+    ASSERT_NE(h, nullptr);
+    FILE *own = h->yax_info->fp;
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.which);
+        FILE *out = std::tmpfile();
+        ASSERT_NE(out, nullptr);
+        h->yax_info->fp = out;
+        EXPECT_EQ(FastCBigCopyHeaderUpdate(h->yax_info, c.count, filler.offset, filler.length, c.which, 1), 1);
+        std::fflush(out);
+        std::rewind(out);
+        Bytes got(4096);
+        got.resize(std::fread(got.data(), 1, got.size(), out));
+        std::fclose(out);
+        Bytes want = tb::header(c.rows, 105, c.count);
+        // the header size counts the rows the count gives
+        const uint32_t size = 12 + 12 * c.count;
+        for (int i = 0; i < 4; ++i) want[want.size() - 8 + i] = static_cast<uint8_t>(size >> (8 * i));
+        EXPECT_EQ(got, want);
+    }
+    h->yax_info->fp = own;
+    destroyYAXDATA(h);
+}
+
 // Tables whose rows lie about where the blocks are: the move would copy and
 // renumber blocks that are not there, so nothing is written.
 TEST(Cover, RefusesTablesWhoseRowsLie) {
