@@ -68,6 +68,23 @@ bool trailerEditable(const YaxInfo *info, int64_t real_size, unsigned needs, uin
             }
         }
     }
+    // A name (and sub-information) read from past the end of its own block
+    // came from the next block or the header: any edit that changes those
+    // bytes changes what that row reads as, and can leave a file whose table
+    // no longer parses. Rows whose names could not be read are left out. A
+    // filler's row may carry the sub-information flag of the entry saved
+    // beside it while its block never does: its own fields are the name's.
+    for (uint32_t i = 0; i < info->meta_count; ++i) {
+        const YaxEntry &e = *info->meta_data[i];
+        if (e.name == nullptr) continue;
+        const bool sub = e.has_sub_info != 0 && _getDataType(e.meta_type) != kFillerType;
+        const uint64_t fields = kBlockFixed + (sub ? kSubInfoField : 0) + uint64_t{e.name_length} +
+                                (sub ? uint64_t{e.sub_info_length} : 0);
+        if (fields > e.length) {
+            YAXLogE(tag, "row %u's name or sub-information runs past its block", i);
+            return false;
+        }
+    }
     return true;
 }
 

@@ -73,6 +73,17 @@ TEST_F(Hostile, CheckFindsEachKindOfDamageAndPassesWellFormedFiles) {
         EXPECT_EQ(kinds(file, &n), std::multiset<std::string>{});
         EXPECT_EQ(n, 0);
     }
+    // the flagged filler reads a sub-information length out of its name, yet
+    // the file stays editable
+    {
+        auto rows = tb::rowsFor({kFiller, kThree[1]});
+        rows[0].meta_type |= 0x8000;
+        put(withRows({kFiller, kThree[1]}, rows));
+        YAXDATA *h = checkYAXInFile(file.c_str());
+        ASSERT_NE(h, nullptr);
+        EXPECT_EQ(deleteYAXDataFromFilebyName(&h, "bb", 2), 1);
+        if (h != nullptr) destroyYAXDATA(h);
+    }
     Bytes stale = kImage;
     for (const Entry &e : kThree) stale = stale + tb::block(e);
     tb::Builder h;
@@ -140,6 +151,21 @@ TEST_F(Hostile, EditsRefuseDamagedTablesAndChangeNothing) {
         {withRows(kThree, rowsWith([](auto &r) { r[2].length = r[2].offset + 4; })),
          [f] { return saveYAXDataToFile(f.c_str(), "n", 1, nullptr, 0, "new", 3, 2, 0); },
          "YAXEncoder::AddYAXData", "a block of the entry table runs into the header"},
+        // a sub-information length that runs past its block: the name still
+        // reads, but what the row reads as depends on the next block, which
+        // a delete of that next entry moves
+        {[&] {
+             Bytes b = kImage + trailer(kThree);
+             b[img + tb::blockLength(kThree[0]) + 8] = 9;
+             return b;
+         }(),
+         [f] {
+             YAXDATA *h = checkYAXInFile(f.c_str());
+             const int r = h == nullptr ? -2 : deleteYAXDataFromFilebyName(&h, "c", 1);
+             if (h != nullptr) destroyYAXDATA(h);
+             return r;
+         },
+         "YAXEncoder::DeleteAYAXData", "row 1's name or sub-information runs past its block"},
         // a legacy sound said to start 16 MiB in, then a delete-all
         {kImage + tb::bytes("snd") + tb::vonoBlock({{0x00FFFFF0u, 0x00FFFFF8u}}),
          [f] { return deleteAllDataFromFile(f.c_str()); }, "VonoAPIs::deleteVono_NotExistYAX",
