@@ -505,6 +505,22 @@ TEST_F(SoundApi, OverrunningListsAreRefusedBeforeAnyWrite) {
     }
 }
 
+// A listed name that is empty: the copy would write its block with a name of
+// length 0, which no reader takes, and the copied table would not parse. The
+// lookup as a C string finds the entry whose 1-byte name is a zero byte.
+TEST_F(SoundApi, CopyRefusesAnEmptyListedName) {
+    const Bytes list = tb::Builder().u32(1).u32(0).u32(2).u32(1).u32(0).str("a").done();
+    const Bytes f = host() + tb::trailer({sound("a", "A"), Entry{256, std::string(1, '\0'), "z", ""}, listEntry(list)}) +
+                    vono1(P + 9, P + 10);
+    put(f);
+    const std::string dst = dir.path("dst.jpg");
+    tu::writeFile(dst, host());
+    EXPECT_EQ(tu::capture([&] { EXPECT_EQ(copyTonePhotoData(file.c_str(), dst.c_str()), 0); }),
+              errLine("VonoAPIs::copyTonePhotoData", "a listed sound's name is empty"));
+    EXPECT_EQ(tu::readFile(dst), host());
+    EXPECT_EQ(now(), f);
+}
+
 TEST_F(SoundApi, CopyAppendsTheSetBehindTheDestination) {
     // smallest entries: 1-byte names, an empty sound; a user entry is not copied
     const Entry a = sound("a", "A"), e = sound("e", ""), k = user("k", "");

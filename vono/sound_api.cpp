@@ -438,8 +438,11 @@ YAX_EXPORT int copyTonePhotoData(const char *src_path, const char *dst_path) {
     };
     if (blocks == nullptr || rows == nullptr) return release(0);
     uint64_t total = 0;
-    bool found = true;
+    bool found = true, named = true;
     yax::tone::forEachName(list.view, [&](uint32_t i, const char *name, uint32_t len) {
+        // An empty listed name would be written as a block no reader takes
+        // (a name of length 0), and the whole copied table with it.
+        if (len == 0) return named = found = false;
         // A listed name without its entry cannot be copied. Names are looked
         // up as zero-terminated strings, as every lookup does.
         char *z = yax::tone::copyName(name, len);
@@ -456,6 +459,10 @@ YAX_EXPORT int copyTonePhotoData(const char *src_path, const char *dst_path) {
         }
         return found;
     });
+    if (!named) {
+        YAXLogE(kCopyTag, "a listed sound's name is empty");
+        return release(0);
+    }
     if (!found) {
         YAXLogE(kCopyTag, "a listed sound has no entry");
         return release(0);
