@@ -166,6 +166,19 @@ TEST_F(Hostile, EditsRefuseDamagedTablesAndChangeNothing) {
              return r;
          },
          "YAXEncoder::DeleteAYAXData", "row 1's name or sub-information runs past its block"},
+        // a header two rows longer than its rows (the library leaves one
+        // at most), then an add of the smallest entry: the new trailer would
+        // end before the old one, leaving its last bytes behind the tail
+        {[&] {
+             tb::Builder h;
+             h.str("YAXH").u32(105).u32(3);
+             for (const auto &r : tb::rowsFor(kThree)) h.u32(r.meta_type).u32(r.offset).u32(r.length);
+             Bytes b = kImage;
+             for (const Entry &e : kThree) b = b + tb::block(e);
+             return b + h.zeros(24).u32(12 + 36 + 24).str("YAXT").done();
+         }(),
+         [f] { return saveYAXDataToFile(f.c_str(), "n", 1, nullptr, 0, "p", 1, 2, 0); }, "YAXEncoder::AddYAXData",
+         "the header is longer than its rows: the new trailer would end before the old one"},
         // a legacy sound said to start 16 MiB in, then a delete-all
         {kImage + tb::bytes("snd") + tb::vonoBlock({{0x00FFFFF0u, 0x00FFFFF8u}}),
          [f] { return deleteAllDataFromFile(f.c_str()); }, "VonoAPIs::deleteVono_NotExistYAX",
