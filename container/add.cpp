@@ -309,24 +309,26 @@ bool rowsClearOfHeader(const YaxInfo *info, const char *tag) {
            trailerEditable(info, info->file_size, kNeedRowsInside, 0, tag);
 }
 
-// With nothing behind the tail, the new block, header and tail must reach at
-// least as far as the old header and tail did: nothing is truncated, so a
-// header said to be longer than its rows by more than a block and a row
-// would leave old bytes behind the new tail, and the file would no longer
-// end in one. This library never writes such a header (a fast replace
-// leaves it one row longer at most).
-bool newTrailerCoversOld(const YaxInfo *info, uint32_t block_length, const char *tag) {
+// The new block, header and tail (and the legacy end record written behind
+// them, `after_tail` bytes) must reach at least as far as the old header,
+// tail and end record did: nothing is truncated, so a shorter write would
+// leave old bytes at the end and the file would no longer end in a trailer.
+// That takes a header said to be longer than its rows by more than a block
+// and a row, or an old legacy record of several sounds where the add writes
+// back one of 30 bytes. This library never writes either (a fast replace
+// leaves the header one row longer at most).
+bool newTrailerCoversOld(const YaxInfo *info, uint32_t block_length, uint32_t after_tail, const char *tag) {
     // (a header before the file's start is left to the seek that reports it)
     if (info->meta_count == 0 || info->file_size < int64_t{info->header_offset}) return true;
     const uint64_t grown = uint64_t{block_length} + kHeaderFixed + kRowSize * (uint64_t{info->meta_count} + 1) +
-                           kTailSize;
+                           kTailSize + after_tail;
     if (grown >= info->header_offset) return true;
     YAXLogE(tag, "the header is longer than its rows: the new trailer would end before the old one");
     return false;
 }
 
 bool checkAppendArgs(const NewEntry &e, const YaxInfo *info, const AppendFlavour &f,
-                     uint32_t *block_length, bool trailer_last) {
+                     uint32_t *block_length, uint32_t after_tail) {
     const char *msg = nullptr;
     if (e.userDataWithoutSubInfo())
         msg = kUserDataMsg;
@@ -340,7 +342,7 @@ bool checkAppendArgs(const NewEntry &e, const YaxInfo *info, const AppendFlavour
         msg = kTooBigMsg;
     if (msg != nullptr) YAXLogE(f.arg_tag, msg);
     return msg == nullptr && rowsClearOfHeader(info, f.io_tag) &&
-           (!trailer_last || newTrailerCoversOld(info, *block_length, f.io_tag));
+           newTrailerCoversOld(info, *block_length, after_tail, f.io_tag);
 }
 
 // The new block over the old header, then the longer header and the tail.
@@ -418,7 +420,7 @@ template <typename IO>
 int addToTrailer(const IO &io, YaxInfo *info, const NewEntry &e, VonoInfo *vono) {
     const AppendFlavour &f = kAppendFP;
     uint32_t block_length = 0;
-    if (!checkAppendArgs(e, info, f, &block_length, vono == nullptr)) return 0;
+    if (!checkAppendArgs(e, info, f, &block_length, vono != nullptr ? kVonoOneSoundBlock : 0)) return 0;
     if (!io.ok()) {
         YAXLogE(f.arg_tag, f.stream_msg);
         return 0;
@@ -460,7 +462,7 @@ bool putVonoFromRecord(const FileIO &io, const VonoInfo *vono) {
 int addToTrailerByPath(const char *path, YaxInfo *info, const NewEntry &e, VonoInfo *vono) {
     const AppendFlavour &f = kAppendPath;
     uint32_t block_length = 0;
-    if (!checkAppendArgs(e, info, f, &block_length, vono == nullptr)) return 0;
+    if (!checkAppendArgs(e, info, f, &block_length, vono != nullptr ? kVonoOneSoundBlock : 0)) return 0;
 
     // The header's place, found on the record's stream; that stream is then
     // closed and the file reopened for writing.

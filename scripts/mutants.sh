@@ -24,6 +24,7 @@ faults=(
   "container/validate.cpp@        if (fields > e.length) {@        if (false) {@edits: a name or sub-information read past its block accepted"
   "vono/sound_api.cpp@        if (len == 0) return named = found = false;@        (void)named;@sound copy: an empty listed name written as a block"
   "container/add.cpp@    if (grown >= info->header_offset) return true;@    return true;@add: a new trailer shorter than the old header and tail accepted"
+  "container/add.cpp@                           kTailSize + after_tail;@                           kTailSize;@add: the legacy end record written back left out of the new trailer's length"
   "container/mp4.cpp@    if (end != start + length) {@    if (false) {@MP4 save: the box put around a trailer the save rebuilt"
 )
 status=0

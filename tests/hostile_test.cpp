@@ -179,6 +179,23 @@ TEST_F(Hostile, EditsRefuseDamagedTablesAndChangeNothing) {
          }(),
          [f] { return saveYAXDataToFile(f.c_str(), "n", 1, nullptr, 0, "p", 1, 2, 0); }, "YAXEncoder::AddYAXData",
          "the header is longer than its rows: the new trailer would end before the old one"},
+        // a legacy record of four sounds behind the trailer: the add writes
+        // back a record of one, and its smallest entry would not make up
+        // the difference
+        {kImage + trailer(kThree) + tb::vonoBlock({{0, 2}, {2, 4}, {4, 6}, {6, 8}}),
+         [f] {
+             YAXDATA *h = checkYAXInFile(f.c_str());
+             VonoInfo *v = _checkAudioInImageFile(f.c_str());
+             FILE *fp = std::fopen(f.c_str(), "r+b");
+             const int r = h == nullptr || v == nullptr || fp == nullptr
+                               ? -2
+                               : AddYAXDataFP(fp, h->yax_info, "n", 1, 2, nullptr, 0, "p", 1, v);
+             if (fp != nullptr) std::fclose(fp);
+             if (v != nullptr) DestroyVono(v);
+             if (h != nullptr) destroyYAXDATA(h);
+             return r;
+         },
+         "YAXEncoder::AddYAXDataFP", "the header is longer than its rows: the new trailer would end before the old one"},
         // a legacy sound said to start 16 MiB in, then a delete-all
         {kImage + tb::bytes("snd") + tb::vonoBlock({{0x00FFFFF0u, 0x00FFFFF8u}}),
          [f] { return deleteAllDataFromFile(f.c_str()); }, "VonoAPIs::deleteVono_NotExistYAX",
