@@ -531,4 +531,21 @@ TEST(InjectedFaults, PayloadReadsThatComeUpShort) {
             }
         }
     }
+    // The target as its own payload is read into memory first (it cannot be
+    // streamed into itself): a short read there is refused too.
+    const size_t whole = kStart.size();
+    for (size_t keep : {size_t{0}, size_t{1}, whole - 1}) {
+        tu::writeFile(target, kStart);
+        fault::shortRead(whole, keep);
+        int r;
+        {
+            Quiet quiet;
+            r = saveYAXFileDataToFile(target.c_str(), "n", 1, nullptr, 0, target.c_str(), 1, 1);
+        }
+        fault::shortRead(0, 0);
+        EXPECT_EQ(r, 0) << "itself, kept " << keep;
+        EXPECT_EQ(tu::readFile(target), kStart) << "itself, kept " << keep;
+    }
+    tu::writeFile(target, kStart);
+    EXPECT_EQ(saveYAXFileDataToFile(target.c_str(), "n", 1, nullptr, 0, target.c_str(), 1, 1), 1);
 }
