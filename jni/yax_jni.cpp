@@ -304,19 +304,30 @@ YAXJNI_FN(jint, fastClearYAXData)(JNIEnv *env, jclass, jstring jpath) {
     return deleteFastAllYAXData(path.c);
 }
 
-// The position queries: parse read-only, look the name up, {offset, length}.
+// The read-only queries: the file's record, parsed read-only, goes to `use`
+// and is released after it; `none` when the file holds no trailer.
+template <typename Result, typename Use>
+Result withRecord(const char *path, Result none, Use use) {
+    YAXDATA *handle = checkYAXWithReadPM(path);
+    if (handle == nullptr) return none;
+    const Result out = use(handle);
+    destroyYAXDATA(handle);
+    return out;
+}
+
+// The position queries: look the name up, {offset, length}.
 template <typename Rec, typename Lookup, typename Destroy, typename Make>
 auto position(JNIEnv *env, jstring jpath, jstring jname, Lookup lookup, Destroy destroy,
               Make make) -> decltype(make(env, 0, 0)) {
+    using Out = decltype(make(env, 0, 0));
     yaxjni::Utf path(env, jpath), name(env, jname);
-    YAXDATA *handle = checkYAXWithReadPM(path.c);
-    if (handle == nullptr) return nullptr;
-    Rec *rec = lookup(handle, name.c);
-    decltype(make(env, 0, 0)) out = nullptr;
-    if (rec != nullptr) out = make(env, rec->offset, rec->length);
-    destroy(rec);
-    destroyYAXDATA(handle);
-    return out;
+    return withRecord(path.c, Out{nullptr}, [&](YAXDATA *handle) {
+        Rec *rec = lookup(handle, name.c);
+        Out out = nullptr;
+        if (rec != nullptr) out = make(env, rec->offset, rec->length);
+        destroy(rec);
+        return out;
+    });
 }
 
 YAXJNI_FN(jintArray, getYAXDataPosition)(JNIEnv *env, jclass, jstring jpath, jstring jname) {
@@ -349,78 +360,60 @@ YAXJNI_FN(jlongArray, getYAXSubDataPosition64)(JNIEnv *env, jclass, jstring jpat
 
 YAXJNI_FN(jint, getYAXDataCount)(JNIEnv *env, jclass, jstring jpath) {
     yaxjni::Utf path(env, jpath);
-    YAXDATA *handle = checkYAXWithReadPM(path.c);
-    if (handle == nullptr) return 0;
-    const jint count = static_cast<jint>(handle->count);
-    destroyYAXDATA(handle);
-    return count;
+    return withRecord(path.c, jint{0}, [](YAXDATA *handle) { return static_cast<jint>(handle->count); });
 }
 
 // Guard beyond the plain wrapper: an index outside the table gives null.
 YAXJNI_FN(jstring, getYAXName)(JNIEnv *env, jclass, jstring jpath, jint index) {
     yaxjni::Utf path(env, jpath);
-    YAXDATA *handle = checkYAXWithReadPM(path.c);
-    if (handle == nullptr) return static_cast<jstring>(nullptr);
-    jstring out = nullptr;
-    if (index >= 0 && static_cast<uint32_t>(index) < handle->count &&
-        handle->YAX_name_list != nullptr && handle->YAX_name_list[index] != nullptr)
-        out = env->NewStringUTF(handle->YAX_name_list[index]);
-    destroyYAXDATA(handle);
-    return out;
+    return withRecord(path.c, jstring{nullptr}, [&](YAXDATA *handle) -> jstring {
+        if (index >= 0 && static_cast<uint32_t>(index) < handle->count &&
+            handle->YAX_name_list != nullptr && handle->YAX_name_list[index] != nullptr)
+            return env->NewStringUTF(handle->YAX_name_list[index]);
+        return nullptr;
+    });
 }
 
 YAXJNI_FN(jint, getYAXDataType)(JNIEnv *env, jclass, jstring jpath, jstring jname) {
     yaxjni::Utf path(env, jpath), name(env, jname);
-    YAXDATA *handle = checkYAXWithReadPM(path.c);
-    if (handle == nullptr) return 0;
-    const jint type = static_cast<jint>(getYAXDataType(handle, name.c));
-    destroyYAXDATA(handle);
-    return type;
+    return withRecord(path.c, jint{0},
+                      [&](YAXDATA *handle) { return static_cast<jint>(getYAXDataType(handle, name.c)); });
 }
 
 YAXJNI_FN(jobjectArray, listKeyNames)(JNIEnv *env, jclass, jstring jpath) {
     yaxjni::Utf path(env, jpath);
-    YAXDATA *handle = checkYAXWithReadPM(path.c);
-    if (handle == nullptr) return static_cast<jobjectArray>(nullptr);
-    jobjectArray out = nullptr;
-    if (handle->YAX_name_list != nullptr || handle->count == 0)
-        out = makeStringArray(env, handle->YAX_name_list, handle->count);
-    destroyYAXDATA(handle);
-    return out;
+    return withRecord(path.c, jobjectArray{nullptr}, [&](YAXDATA *handle) -> jobjectArray {
+        if (handle->YAX_name_list == nullptr && handle->count != 0) return nullptr;
+        return makeStringArray(env, handle->YAX_name_list, handle->count);
+    });
 }
 
 YAXJNI_FN(jintArray, listYAXDataTypes)(JNIEnv *env, jclass, jstring jpath) {
     yaxjni::Utf path(env, jpath);
-    YAXDATA *handle = checkYAXWithReadPM(path.c);
-    if (handle == nullptr) return static_cast<jintArray>(nullptr);
-    jintArray out = nullptr;
-    YaxInfo *info = handle->yax_info;
-    if (handle->count >= 1 && info != nullptr && info->meta_data != nullptr) {
+    return withRecord(path.c, jintArray{nullptr}, [&](YAXDATA *handle) -> jintArray {
+        const YaxInfo *info = handle->yax_info;
+        if (handle->count < 1 || info == nullptr || info->meta_data == nullptr) return nullptr;
         const uint32_t n = handle->count;
-        out = env->NewIntArray(static_cast<jsize>(n));
+        jintArray out = env->NewIntArray(static_cast<jsize>(n));
         for (uint32_t i = 0; out != nullptr && i < n; ++i) {
             const jint t = static_cast<jint>(info->meta_data[i]->meta_type >> 16);
             env->SetIntArrayRegion(out, static_cast<jsize>(i), 1, &t);
         }
-    }
-    destroyYAXDATA(handle);
-    return out;
+        return out;
+    });
 }
 
 YAXJNI_FN(jobjectArray, listKeyNamesByDataType)(JNIEnv *env, jclass, jstring jpath, jint dataType) {
     yaxjni::Utf path(env, jpath);
-    YAXDATA *handle = checkYAXWithReadPM(path.c);
-    if (handle == nullptr) return static_cast<jobjectArray>(nullptr);
-    uint32_t count = 0;
-    char **names = getNameListByDataType(handle, static_cast<uint32_t>(dataType), &count);
-    jobjectArray out = nullptr;
-    if (names != nullptr) {
-        out = makeStringArray(env, names, count);
+    return withRecord(path.c, jobjectArray{nullptr}, [&](YAXDATA *handle) -> jobjectArray {
+        uint32_t count = 0;
+        char **names = getNameListByDataType(handle, static_cast<uint32_t>(dataType), &count);
+        if (names == nullptr) return nullptr;
+        jobjectArray out = makeStringArray(env, names, count);
         for (uint32_t i = 0; i < count; ++i) _qfree(names[i]);
         _qfree(names);
-    }
-    destroyYAXDATA(handle);
-    return out;
+        return out;
+    });
 }
 
 namespace {
@@ -437,24 +430,20 @@ YAXJNI_FN(jint, getAllParsedDataForTest)(JNIEnv *env, jclass, jstring jpath, jst
     yaxjni::Utf path(env, jpath), out(env, jout);
     const std::string dir = std::string(out.c != nullptr ? out.c : "") + "/parsed/";
     mkdir(dir.c_str(), 0777);
-    YAXDATA *handle = checkYAXWithReadPM(path.c);
-    if (handle == nullptr) return 0;
-    if (handle->count == 0) {
-        destroyYAXDATA(handle);
-        return 0;
-    }
-    for (uint32_t i = 0; i < handle->count; ++i) {
-        YAXDATA_UNIT *unit = extractYAXDataFromFilebyIndex(handle, i);
-        const char *name = handle->YAX_name_list != nullptr ? handle->YAX_name_list[i] : nullptr;
-        if (unit != nullptr && name != nullptr) {
-            writeWhole(dir + name, unit->data, unit->data_length);
-            if (unit->sub_info != nullptr && unit->sub_info_length > 0)
-                writeWhole(dir + "subdata_" + name, unit->sub_info, unit->sub_info_length);
+    return withRecord(path.c, jint{0}, [&](YAXDATA *handle) -> jint {
+        if (handle->count == 0) return 0;
+        for (uint32_t i = 0; i < handle->count; ++i) {
+            YAXDATA_UNIT *unit = extractYAXDataFromFilebyIndex(handle, i);
+            const char *name = handle->YAX_name_list != nullptr ? handle->YAX_name_list[i] : nullptr;
+            if (unit != nullptr && name != nullptr) {
+                writeWhole(dir + name, unit->data, unit->data_length);
+                if (unit->sub_info != nullptr && unit->sub_info_length > 0)
+                    writeWhole(dir + "subdata_" + name, unit->sub_info, unit->sub_info_length);
+            }
+            destroyYAXDATA_UNIT(unit);
         }
-        destroyYAXDATA_UNIT(unit);
-    }
-    destroyYAXDATA(handle);
-    return 1;
+        return 1;
+    });
 }
 
 // ------------------------------------------------------------------ VonoJNI
