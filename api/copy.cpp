@@ -404,7 +404,8 @@ YAX_EXPORT int copyYAXDataKeyName(const char *src, const char *dst, const char *
     if (key_name == nullptr) return 0;
     bool done = false;  // the first entry of that name only
     return copyPicked(src, dst, [&](YAXDATA *yd, uint32_t i) {
-        if (done || std::strcmp(yd->YAX_name_list[i], key_name) != 0) return false;
+        const char *name = yd->YAX_name_list[i];
+        if (done || name == nullptr || std::strcmp(name, key_name) != 0) return false;
         return done = true;
     });
 }

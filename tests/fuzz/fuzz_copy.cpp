@@ -2,7 +2,8 @@
 // is one selector byte followed by the file. Bit 0 picks the direction
 // (fuzzed source into a sample destination, or a sample source into the
 // fuzzed destination), bits 1-2 the operation (everything, by name, by type,
-// whole trailer). Whatever the input, a copy must not crash, and every entry
+// whole trailer), bit 3 the sample destination (one with entries, or a bare
+// image, which takes the fuzzed trailer whole or entry by entry). Whatever the input, a copy must not crash, and every entry
 // the destination listed before is still listed with the same content.
 #include <cstdint>
 #include <cstdio>
@@ -42,13 +43,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::string other = fuzzed + ".other";
     const inv::Bytes file(data + 1, data + size);
     inv::spill(fuzzed, data + 1, size - 1);
-    const inv::Bytes s = sample();
-    inv::spill(other, s.data(), s.size());
     const bool intoSample = (sel & 1) == 0;
+    const inv::Bytes s = intoSample && (sel & 8) != 0 ? tb::fakeImage(64) : sample();
+    inv::spill(other, s.data(), s.size());
     const std::string &dst = intoSample ? other : fuzzed;
     const std::string &src = intoSample ? fuzzed : other;
     const inv::Listing before = inv::listingAfter(dst, inv::slurp(dst));
-    copyOp((sel >> 1) & 3, src.c_str(), dst.c_str());
+    const int r = copyOp((sel >> 1) & 3, src.c_str(), dst.c_str());
+    // a bare destination that a copy reports done must still parse when
+    // something arrived
+    if (r == 1 && intoSample && (sel & 8) != 0 && inv::slurp(dst) != s && getSignature(dst.c_str()) != SIGNATURE_NONE &&
+        !inv::listingAfter(dst, inv::slurp(dst)).listed)
+        fz::fail("copy", "the copied trailer does not parse", file);
     // (a trailer the library's list bound refuses is read from the bytes)
     const inv::Listing after = inv::listingAfter(dst, inv::slurp(dst));
     // A destination with entries keeps each of them (a copy adds, it never
